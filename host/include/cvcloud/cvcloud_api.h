@@ -1,0 +1,80 @@
+#ifndef CVCLOUD_CVCLOUD_API_H
+#define CVCLOUD_CVCLOUD_API_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "cvcloud/message.h"
+
+/// One response of the cloud, owned by the cloud access object and lent to the callback that receives it
+/// until the callback gives it back with CvCloudAPI::release_response().
+struct cvtessel_response {
+    /// 0 when the exchange succeeded, any other value when it failed.
+    std::uint32_t status;
+    /// The daemon's own.
+    std::uint32_t reserved;
+    /// The response text as it came; not necessarily NUL-terminated.
+    char* body;
+    /// Length of the body in bytes.
+    std::uint32_t body_length;
+};
+
+static_assert(offsetof(cvtessel_response, status) == 0);
+static_assert(offsetof(cvtessel_response, body) == 8);
+static_assert(sizeof(void*) != 4 || offsetof(cvtessel_response, body_length) == 12);
+static_assert(sizeof(void*) != 4 || sizeof(cvtessel_response) == 16);
+
+/// Receives the response to one request, on a thread of the cloud access object's choice.
+/// `user_data` is what the request was sent with.
+using cvtessel_callback = void (*)(cvtessel_response* response, void* user_data);
+
+/// The daemon's cloud access object: builds and sends requests, delivers responses, and gives handlers their
+/// way out to `cvex`.
+///
+/// The daemon creates and destroys it; it is valid from before a handler's init() until after its uninit().
+/// Handlers call through the virtual table, so the order of the operations is part of the binary interface.
+/// There is no virtual destructor: it would take slots of the table.
+class CvCloudAPI {
+public:
+    /// Hands a built request to the cloud client, addressed to `service`. Any thread may call it.
+    ///
+    /// Returns 0 when the request was accepted: `callback` is then called exactly once, with the response and
+    /// `user_data`. Any other value means that the request was not sent and the callback will not be called.
+    /// `request` may be freed as soon as the call returns.
+    virtual int send_request(const char* request, const char* service, cvtessel_callback callback,
+                             void* user_data) = 0;
+
+    /// Takes a response back; the callback calls it exactly once, when it has finished reading.
+    virtual void release_response(cvtessel_response* response) = 0;
+
+    /// Builds the request text for `method` with the JSON text `params` of `params_len` bytes; with
+    /// `add_connect_fields` the object adds its `user_token` and `device_id`. Any thread may call it.
+    ///
+    /// Returns a text that the caller releases with free(), or null when the request cannot be built.
+    virtual char* build_request(const char* method, const char* params, unsigned int params_len,
+                                bool add_connect_fields) = 0;
+
+    /// Publishes a message named `name` with `length` bytes of data on `cvex`, for every listener.
+    /// Returns 0 on success, any other value on failure. The data is used during the call only.
+    virtual int publish_message(const char* name, const void* data, unsigned int length) = 0;
+
+    /// The daemon's own. No handler calls it; it is declared to keep the next operation in its slot.
+    virtual int daemon_operation() = 0;
+
+    /// Delivers a reply to the requester that `reply->request_id` names. Any thread may call it.
+    /// The record and its payload are used during the call only.
+    virtual int send_response(const Message* reply) = 0;
+
+    /// The token of the requests that carry the connection fields.
+    std::string user_token;
+    /// The device identity of the requests that carry the connection fields.
+    std::string device_id;
+    /// The partner identifier that the box was configured with. Handlers read it and never write it.
+    std::string partner_id;
+
+protected:
+    ~CvCloudAPI() = default;
+};
+
+#endif

@@ -1,0 +1,30 @@
+#ifndef CVUTILS_JSON_H
+#define CVUTILS_JSON_H
+
+#include <string>
+#include <vector>
+
+#include <jansson.h>
+
+namespace cv {
+
+/// Sets the member `key` of `object` to a JSON string. False when it cannot be set.
+bool json_attach_value(json_t* object, const char* key, const char* value);
+
+/// Sets the member `key` of `object` to a JSON array of the strings, in order. False when it cannot be set.
+bool json_attach_value(json_t* object, const char* key, const std::vector<std::string>& values);
+
+/// The text of a JSON string, borrowed from it; null when the value is not a string.
+const char* json_extract_string_value(const json_t* value);
+
+/// The text of the string member `key` of `object`, borrowed from it; null when the member is missing or is
+/// not a string.
+const char* json_extract_string_value(const json_t* object, const char* key);
+
+/// Follows the keys from `root` through nested objects. Returns the value found, borrowed from `root`, or
+/// null when a key is missing.
+json_t* json_object_get_recursive(const json_t* root, const std::vector<std::string>& keys);
+
+} // namespace cv
+
+#endif

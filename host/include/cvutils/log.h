@@ -1,0 +1,43 @@
+#ifndef CVUTILS_LOG_H
+#define CVUTILS_LOG_H
+
+#include <cstddef>
+
+#include <jansson.h>
+
+namespace cv {
+
+namespace log {
+
+/// The most detailed level that is logged, 0 to 3. The library may change it at any time from any thread.
+extern int current_level;
+
+/// Writes one finished line. `destination` 0 is the process's own log. Any thread may call it.
+void print(int destination, int level, const char* line);
+
+} // namespace log
+
+/// Logs a JSON document in one line under a title, when `level` is admitted. The document is borrowed.
+/// Any thread may call it.
+void log_json(int level, const char* title, const json_t* document);
+
+/// Collects printf-formatted text in a buffer of the caller's; text beyond the buffer's end is dropped.
+class MemoryStream {
+public:
+    /// `buffer` holds `size` bytes, at least 1, and must outlive the stream.
+    MemoryStream(char* buffer, std::size_t size);
+
+    void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
+
+    /// The text collected so far, NUL-terminated.
+    const char* text() const;
+
+private:
+    char* buffer;
+    std::size_t size;
+    std::size_t length;
+};
+
+} // namespace cv
+
+#endif

@@ -1,0 +1,14 @@
+#ifndef CVUTILS_NETWORK_H
+#define CVUTILS_NETWORK_H
+
+#include <string>
+
+namespace cv {
+
+/// Fills `mac` with the text form of the interface's MAC address. False when it cannot be determined; `mac`
+/// is then left as it was.
+bool get_mac_address(const std::string& interface_name, std::string& mac);
+
+} // namespace cv
+
+#endif

@@ -1,0 +1,8 @@
+#ifndef CVREGISTRATION_EXPORT_H
+#define CVREGISTRATION_EXPORT_H
+
+/// Marks a name that the daemon, or another library in it, may look up. The version script lists the same
+/// names.
+#define CV_EXPORT __attribute__((visibility("default")))
+
+#endif
