@@ -138,11 +138,11 @@ int HandlerAPI_impl::init(CvCloudAPI* api, std::vector<std::string>& commands) {
     commands.emplace_back(kStartCloudRegMsg);
     commands.emplace_back(kRetryCloudRegMsg);
     init_global_settings();
-    const int ready = g_registration_handler->init();
-    if (ready == 0) {
+    if (!g_registration_handler->init()) {
         uninit();
+        return 0;
     }
-    return ready;
+    return 1;
 }
 
 void HandlerAPI_impl::uninit() {
