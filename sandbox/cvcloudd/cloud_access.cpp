@@ -1,0 +1,256 @@
+#include "cvcloudd/cloud_access.h"
+
+#include <array>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+#include "cvcloudd/log_line.h"
+#include "cvex/wire.h"
+
+namespace cvcloudd {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr long http_ok = 200;
+
+/// The response as it is lent to a callback, together with the bytes that it points at.
+struct OwnedResponse : cvtessel_response {
+    OwnedResponse(std::uint32_t response_status, std::string text)
+        : cvtessel_response{}, bytes(std::move(text)) {
+        status = response_status;
+        body = bytes.data();
+        body_length = static_cast<std::uint32_t>(bytes.size());
+    }
+
+    std::string bytes;
+};
+
+std::string without_trailing_slash(std::string url) {
+    if (!url.empty() && url.back() == '/') {
+        url.pop_back();
+    }
+    return url;
+}
+
+void check_url(const std::string& url) {
+    const std::unique_ptr<CURLU, Releaser<curl_url_cleanup>> parsed(curl_url());
+    char* text = nullptr;
+    const bool is_url = curl_url_set(parsed.get(), CURLUPART_URL, url.c_str(), 0) == CURLUE_OK &&
+                        curl_url_get(parsed.get(), CURLUPART_SCHEME, &text, 0) == CURLUE_OK;
+    const std::unique_ptr<char, Releaser<curl_free>> protocol(text);
+    if (!is_url || (std::strcmp(text, "http") != 0 && std::strcmp(text, "https") != 0)) {
+        throw std::runtime_error("--cloud-url " + url + " is not a URL of the form http://host:port");
+    }
+}
+
+} // namespace
+
+/// One request on its way.
+struct CloudAccess::Transfer {
+    std::string request;
+    std::string service;
+    cvtessel_callback callback;
+    void* user_data;
+
+    std::string method;
+    std::uint64_t number = 0;
+    std::string url;
+    std::string response;
+    std::size_t response_limit = 0;
+    bool too_long = false;
+    std::array<char, CURL_ERROR_SIZE> error{};
+    std::uint32_t status = 0;
+    std::string failure;
+    std::unique_ptr<CURL, Releaser<curl_easy_cleanup>> handle;
+
+    static std::size_t receive(const char* data, std::size_t, std::size_t length, void* context) {
+        auto& transfer = *static_cast<Transfer*>(context);
+        if (transfer.response.size() + length > transfer.response_limit) {
+            transfer.too_long = true;
+            return CURL_WRITEFUNC_ERROR;
+        }
+        transfer.response.append(data, length);
+        return length;
+    }
+};
+
+CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_exchange)
+    : options(std::move(access_options)), exchange(message_exchange), multi(curl_multi_init()),
+      json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
+    check_url(options.url);
+    partner_id = options.partner_id;
+    thread = std::thread(&CloudAccess::run, this);
+}
+
+CloudAccess::~CloudAccess() {
+    shut_down();
+}
+
+void CloudAccess::shut_down() {
+    submitted.close();
+    if (thread.joinable()) {
+        thread.join();
+    }
+}
+
+int CloudAccess::send_request(const char* request, const char* service, cvtessel_callback callback,
+                              void* user_data) {
+    auto transfer = std::make_unique<Transfer>();
+    transfer->request = request;
+    transfer->service = service;
+    transfer->callback = callback;
+    transfer->user_data = user_data;
+    return submitted.put(std::move(transfer)) ? 0 : 1;
+}
+
+void CloudAccess::release_response(cvtessel_response* response) {
+    delete static_cast<OwnedResponse*>(response);
+}
+
+char* CloudAccess::build_request(const char* method, const char* params, unsigned int params_len,
+                                 bool add_connect_fields) {
+    ordered_json members = ordered_json::object();
+    if (params_len > 0) {
+        members = ordered_json::parse(params, params + params_len, nullptr, false);
+    }
+    if (!members.is_object()) {
+        log_line(1, std::string("the parameters of ") + method + " are not a JSON object");
+        return nullptr;
+    }
+    // The members are read on the handler's thread only: it is the one that knows when it has written them.
+    if (add_connect_fields) {
+        members["user_token"] = user_token;
+        members["device_id"] = device_id;
+    }
+    const ordered_json request{
+        {"jsonrpc", "2.0"}, {"id", ++last_request_number}, {"method", method}, {"params", members}};
+    return strdup(request.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
+}
+
+int CloudAccess::publish_message(const char* name, const void* data, unsigned int length) {
+    return exchange.publish(name, std::string(static_cast<const char*>(data), length)) ? 0 : 1;
+}
+
+int CloudAccess::daemon_operation() {
+    return 0;
+}
+
+int CloudAccess::send_response(const Message* reply) {
+    return exchange.reply(reply->request_id, std::string(reply->payload, reply->payload_len)) ? 0 : 1;
+}
+
+void CloudAccess::run() {
+    for (;;) {
+        while (auto transfer = submitted.take()) {
+            begin(std::move(*transfer));
+        }
+        if (submitted.finished()) {
+            abandon_all();
+            return;
+        }
+        int running = 0;
+        curl_multi_perform(multi.get(), &running);
+        collect_ended();
+        curl_waitfd mail{submitted.fd(), CURL_WAIT_POLLIN, 0};
+        curl_multi_poll(multi.get(), &mail, 1, std::numeric_limits<int>::max(), nullptr);
+    }
+}
+
+void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
+    const ordered_json request = ordered_json::parse(transfer->request, nullptr, false);
+    if (request.is_object()) {
+        transfer->method = request.value("method", "");
+        transfer->number = request.value("id", std::uint64_t{0});
+    }
+    transfer->url = without_trailing_slash(options.url) + "/" + transfer->service;
+    transfer->response_limit = options.response_limit;
+    publish_progress("sent", *transfer);
+
+    CURL* const handle = curl_easy_init();
+    transfer->handle.reset(handle);
+    if (handle == nullptr) {
+        end(*transfer, CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT));
+        return;
+    }
+    curl_easy_setopt(handle, CURLOPT_URL, transfer->url.c_str());
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+    // The simulated cloud listens on the loopback, where no proxy of the environment leads.
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "127.0.0.1,localhost,::1");
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, json_header.get());
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDS, transfer->request.data());
+    curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer->request.size()));
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options.request_timeout.count()));
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::receive);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, transfer.get());
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer->error.data());
+    curl_multi_add_handle(multi.get(), handle);
+    active.emplace(handle, std::move(transfer));
+}
+
+void CloudAccess::collect_ended() {
+    int left = 0;
+    while (const CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+        const CURLcode result = message->data.result;
+        const auto found = active.find(message->easy_handle);
+        const std::unique_ptr<Transfer> transfer = std::move(found->second);
+        active.erase(found);
+        curl_multi_remove_handle(multi.get(), transfer->handle.get());
+
+        long http_status = 0;
+        curl_easy_getinfo(transfer->handle.get(), CURLINFO_RESPONSE_CODE, &http_status);
+        if (transfer->too_long) {
+            end(*transfer, CURLE_FILESIZE_EXCEEDED,
+                "the response is longer than " + std::to_string(options.response_limit) + " bytes");
+        } else if (result != CURLE_OK) {
+            end(*transfer, result,
+                transfer->error.front() != '\0' ? transfer->error.data() : curl_easy_strerror(result));
+        } else if (http_status != http_ok) {
+            end(*transfer, static_cast<std::uint32_t>(http_status),
+                "HTTP status " + std::to_string(http_status));
+        } else {
+            end(*transfer, 0, "");
+        }
+    }
+}
+
+void CloudAccess::abandon_all() {
+    for (const auto& [handle, transfer] : active) {
+        curl_multi_remove_handle(multi.get(), handle);
+        end(*transfer, CURLE_ABORTED_BY_CALLBACK, "given up because cvcloudd is stopping");
+    }
+    active.clear();
+}
+
+void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::string& error) {
+    transfer.status = status;
+    if (status != 0) {
+        transfer.failure = transfer.url + ": " + error;
+        log_line(1, "request " + std::to_string(transfer.number) + " failed: " + transfer.failure);
+    }
+    publish_progress("ended", transfer);
+    transfer.callback(new OwnedResponse(status, std::move(transfer.response)), transfer.user_data);
+}
+
+void CloudAccess::publish_progress(const char* event, const Transfer& transfer) {
+    ordered_json progress{{"event", event},
+                          {"request", transfer.number},
+                          {"service", transfer.service},
+                          {"method", transfer.method}};
+    if (std::strcmp(event, "ended") == 0) {
+        progress["status"] = transfer.status;
+        if (transfer.status != 0) {
+            progress["error"] = transfer.failure;
+        }
+    }
+    exchange.publish(cvex::progress_message,
+                     progress.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+}
+
+} // namespace cvcloudd

@@ -1,0 +1,93 @@
+#ifndef CVCLOUDD_CLOUD_ACCESS_H
+#define CVCLOUDD_CLOUD_ACCESS_H
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include <curl/curl.h>
+
+#include "cvcloud/cvcloud_api.h"
+#include "cvcloudd/exchange.h"
+#include "cvcloudd/mailbox.h"
+
+namespace cvcloudd {
+
+/// Deletes a resource of a C library with the function that the library has for it.
+template <auto release>
+struct Releaser {
+    template <typename Resource>
+    void operator()(Resource* resource) const {
+        release(resource);
+    }
+};
+
+struct CloudAccessOptions {
+    /// http or https, without the service's path.
+    std::string url;
+    std::string partner_id;
+    std::chrono::milliseconds request_timeout{10000};
+    /// Longest response body in bytes; a longer one ends the request as failed.
+    std::size_t response_limit = 1024 * 1024;
+};
+
+/// The cloud access object: JSON-RPC 2.0 over HTTP, the service name as the path.
+///
+/// A request is {"jsonrpc": "2.0", "id": number, "method": ..., "params": {...}}, sent by POST to
+/// url/service. Its params are those of the handler; the connection fields "user_token" and "device_id" are
+/// further members.
+///
+/// The status of a response is 0 when the cloud answered with HTTP 200, else the HTTP status (100 and above)
+/// or the transfer library's error number (below 100: 7 cannot connect, 28 timed out, 42 given up because the
+/// daemon stops, 63 longer than the limit). The body is what came, unchanged.
+///
+/// An accepted request has its callback called exactly once, on this object's own thread, and never from
+/// inside send_request().
+class CloudAccess final : public CvCloudAPI {
+public:
+    /// Throws std::runtime_error when the URL cannot be used. `exchange` outlives the object.
+    CloudAccess(CloudAccessOptions options, Exchange& exchange);
+    ~CloudAccess();
+    CloudAccess(const CloudAccess&) = delete;
+    CloudAccess& operator=(const CloudAccess&) = delete;
+
+    /// Refuses every further request, ends the outstanding ones as failed and returns when the last callback
+    /// has returned: none is called afterwards. For the dispatch thread.
+    void shut_down();
+
+    int send_request(const char* request, const char* service, cvtessel_callback callback,
+                     void* user_data) override;
+    void release_response(cvtessel_response* response) override;
+    char* build_request(const char* method, const char* params, unsigned int params_len,
+                        bool add_connect_fields) override;
+    int publish_message(const char* name, const void* data, unsigned int length) override;
+    int daemon_operation() override;
+    int send_response(const Message* reply) override;
+
+private:
+    struct Transfer;
+
+    void run();
+    void begin(std::unique_ptr<Transfer> transfer);
+    void collect_ended();
+    void abandon_all();
+    void end(Transfer& transfer, std::uint32_t status, const std::string& error);
+    void publish_progress(const char* event, const Transfer& transfer);
+
+    const CloudAccessOptions options;
+    Exchange& exchange;
+    std::atomic<std::uint64_t> last_request_number = 0;
+    Mailbox<std::unique_ptr<Transfer>> submitted;
+    std::unique_ptr<CURLM, Releaser<curl_multi_cleanup>> multi;
+    std::unique_ptr<curl_slist, Releaser<curl_slist_free_all>> json_header;
+    std::map<CURL*, std::unique_ptr<Transfer>> active;
+    std::thread thread;
+};
+
+} // namespace cvcloudd
+
+#endif

@@ -1,0 +1,210 @@
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <exception>
+#include <map>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <curl/curl.h>
+#include <poll.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "common/command_line.h"
+#include "cvcloudd/cloud_access.h"
+#include "cvcloudd/exchange.h"
+#include "cvcloudd/handler_library.h"
+#include "cvcloudd/log_line.h"
+#include "cvutils_control.h"
+
+namespace cvcloudd {
+
+namespace {
+
+struct Options {
+    std::string run_directory;
+    std::vector<std::string> handlers;
+    std::string settings_file;
+    double request_timeout_seconds = 10;
+    int log_level = 2;
+    CloudAccessOptions cloud;
+};
+
+/// SIGTERM and SIGINT as a descriptor. Made before any thread, which inherits the blocked signals.
+class StopSignal {
+public:
+    StopSignal() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGTERM);
+        sigaddset(&signals, SIGINT);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        descriptor = signalfd(-1, &signals, SFD_CLOEXEC);
+        if (descriptor == -1) {
+            throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
+        }
+    }
+    ~StopSignal() {
+        close(descriptor);
+    }
+    StopSignal(const StopSignal&) = delete;
+    StopSignal& operator=(const StopSignal&) = delete;
+
+    int fd() const {
+        return descriptor;
+    }
+
+private:
+    int descriptor;
+};
+
+/// The loaded handlers and who of them takes which command. For the dispatch thread.
+class Handlers {
+public:
+    /// Throws std::runtime_error when a library cannot be loaded or a mandatory handler is not ready.
+    void load(const std::string& path, CloudAccess& cloud) {
+        auto library = std::make_unique<HandlerLibrary>(path);
+        std::vector<std::string> commands;
+        if (!library->init(cloud, commands)) {
+            if (library->mandatory()) {
+                throw std::runtime_error("mandatory handler " + library->path() +
+                                         " is not ready; its reason is in the log above");
+            }
+            log_line(1, "handler " + library->path() + " is not ready and is left out");
+            return;
+        }
+        for (const std::string& command : commands) {
+            if (!subscribers.emplace(command, library.get()).second) {
+                log_line(1, "handler " + library->path() + " subscribes to " + command +
+                                ", which is taken already; the first handler keeps it");
+            }
+        }
+        libraries.push_back(std::move(library));
+    }
+
+    /// Null when nobody subscribed to the command.
+    HandlerLibrary* subscriber(const std::string& command) const {
+        const auto found = subscribers.find(command);
+        return found != subscribers.end() ? found->second : nullptr;
+    }
+
+private:
+    std::vector<std::unique_ptr<HandlerLibrary>> libraries;
+    std::map<std::string, HandlerLibrary*> subscribers;
+};
+
+void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange) {
+    const cvex::Command& command = received.command;
+    HandlerLibrary* const handler = handlers.subscriber(command.name);
+    if (handler == nullptr) {
+        log_line(1, "no handler takes the command " + command.name);
+        exchange.reply(received.request_id,
+                       error_reply("error_other", "No handler takes the command " + command.name));
+        return;
+    }
+    Message message{};
+    message.type = command.type;
+    command.name.copy(message.name, sizeof message.name - 1);
+    message.request_id = received.request_id;
+    message.payload_len = static_cast<std::uint32_t>(command.payload.size());
+    message.payload = command.payload.data();
+    handler->handle(message);
+}
+
+/// The dispatch thread: one command at a time, until a stop signal.
+void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange) {
+    for (;;) {
+        pollfd descriptors[] = {{stop.fd(), POLLIN, 0}, {exchange.commands().fd(), POLLIN, 0}};
+        if (poll(descriptors, 2, -1) == -1 && errno != EINTR) {
+            throw std::runtime_error(std::string("poll: ") + std::strerror(errno));
+        }
+        if (descriptors[0].revents != 0) {
+            return;
+        }
+        if (const auto received = exchange.commands().take()) {
+            deliver(*received, handlers, exchange);
+        }
+    }
+}
+
+void serve(const Options& options) {
+    const StopSignal stop;
+    if (!options.settings_file.empty()) {
+        const std::string problem = cv::setMgmt::use_settings_file(options.settings_file);
+        if (!problem.empty()) {
+            throw std::runtime_error(problem + "; correct the file");
+        }
+    }
+
+    Exchange exchange(options.run_directory);
+    CloudAccess cloud(options.cloud, exchange);
+    Handlers handlers;
+    for (const std::string& path : options.handlers) {
+        handlers.load(path, cloud);
+    }
+    std::puts("cvcloudd: ready");
+    std::fflush(stdout);
+    dispatch(stop, handlers, exchange);
+
+    // A handler is destroyed only when neither a command nor a callback can reach it any more. What it
+    // replies while it ends is still sent: the exchange goes last.
+    log_line(2, "stopping");
+    exchange.refuse_commands();
+    cloud.shut_down();
+}
+
+} // namespace
+
+} // namespace cvcloudd
+
+int main(int argc, char** argv) {
+    cvcloudd::Options options;
+    CLI::App app(
+        "The cloud daemon of an appliance on a desk: loads handler libraries, delivers the commands of its "
+        "message exchange to them one at a time, and sends their cloud requests. It prints "
+        "\"cvcloudd: ready\" once it takes commands, logs to the standard error, and stops on SIGTERM.",
+        "cvcloudd");
+    app.footer("Exit codes: 0 stopped by a signal, 1 could not start, 2 the command line is wrong");
+    app.add_option("--run-dir", options.run_directory,
+                   "Existing directory for the sockets of the message exchange")
+        ->check(CLI::ExistingDirectory)
+        ->required();
+    app.add_option("--handler", options.handlers, "Handler library to load; may be repeated")
+        ->required()
+        ->allow_extra_args(false);
+    app.add_option("--cloud-url", options.cloud.url, "The cloud, for example http://127.0.0.1:8080")
+        ->required();
+    app.add_option(
+        "--settings", options.settings_file,
+        "Settings store, a JSON file of key to value [default: none, every setting has its default]");
+    app.add_option("--partner-id", options.cloud.partner_id, "Partner that the box is configured for");
+    app.add_option("--request-timeout", options.request_timeout_seconds,
+                   "Seconds until a cloud request is given up")
+        ->check(CLI::Range(0.001, 86400.0))
+        ->capture_default_str();
+    app.add_option("--log-level", options.log_level,
+                   "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
+        ->check(CLI::Range(0, 3))
+        ->capture_default_str();
+    if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
+        return *exit_code;
+    }
+    options.cloud.request_timeout = std::chrono::ceil<std::chrono::milliseconds>(
+        std::chrono::duration<double>(options.request_timeout_seconds));
+    __atomic_store_n(&cv::log::current_level, options.log_level, __ATOMIC_RELAXED);
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+    int exit_code = 0;
+    try {
+        cvcloudd::serve(options);
+    } catch (const std::exception& error) {
+        sandbox::print_problem(app, error.what());
+        exit_code = 1;
+    }
+    curl_global_cleanup();
+    return exit_code;
+}

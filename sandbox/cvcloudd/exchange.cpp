@@ -1,0 +1,150 @@
+#include "cvcloudd/exchange.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+#include <utility>
+
+#include <fcntl.h>
+#include <nlohmann/json.hpp>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "cvcloudd/log_line.h"
+
+namespace cvcloudd {
+
+namespace {
+
+constexpr int linger_milliseconds = 1000;
+
+void open_socket(zmq::socket_t& socket, const std::string& endpoint) {
+    socket.set(zmq::sockopt::linger, linger_milliseconds);
+    try {
+        socket.bind(endpoint);
+    } catch (const zmq::error_t& error) {
+        throw std::runtime_error("cannot serve the socket " + cvex::socket_file(endpoint) + ": " +
+                                 error.what() + "; check --run-dir");
+    }
+}
+
+} // namespace
+
+std::string error_reply(const std::string& result, const std::string& reason) {
+    const nlohmann::ordered_json reply{{"result", result}, {"reason", reason}};
+    return reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+Exchange::DirectoryLock::DirectoryLock(const std::string& run_directory) {
+    cvex::check_run_directory(run_directory);
+    const std::string path = run_directory + "/cvcloudd.lock";
+    descriptor = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (descriptor == -1) {
+        throw std::runtime_error("cannot create " + path + ": " + std::strerror(errno) +
+                                 "; --run-dir names a directory that this user may write");
+    }
+    if (flock(descriptor, LOCK_EX | LOCK_NB) == -1) {
+        close(descriptor);
+        throw std::runtime_error("another cvcloudd already serves the run directory " + run_directory +
+                                 ": stop it or use another --run-dir");
+    }
+}
+
+Exchange::DirectoryLock::~DirectoryLock() {
+    close(descriptor);
+}
+
+Exchange::Exchange(const std::string& run_directory)
+    : lock(run_directory), router(context, zmq::socket_type::router),
+      publisher(context, zmq::socket_type::xpub) {
+    // Each new subscription is to be seen here, also when others have subscribed to the same before.
+    publisher.set(zmq::sockopt::xpub_verbose, 1);
+    // The lock is held, so a socket file that is still there was left by a daemon that was killed: it is
+    // replaced.
+    open_socket(publisher, cvex::published_endpoint(run_directory));
+    open_socket(router, cvex::commands_endpoint(run_directory));
+    thread = std::thread(&Exchange::run, this);
+}
+
+Exchange::~Exchange() {
+    refuse_commands();
+    outgoing.close();
+    thread.join();
+}
+
+void Exchange::refuse_commands() {
+    received.close();
+    while (const auto waiting = received.take()) {
+        reply(waiting->request_id, error_reply("error_other", "cvcloudd is stopping"));
+    }
+}
+
+bool Exchange::reply(std::uint64_t request_id, std::string payload) {
+    return outgoing.put(Reply{request_id, std::move(payload)});
+}
+
+bool Exchange::publish(std::string name, std::string payload) {
+    return outgoing.put(cvex::PublishedMessage{std::move(name), std::move(payload)});
+}
+
+void Exchange::run() {
+    while (!outgoing.finished()) {
+        std::array<zmq::pollitem_t, 3> items{{{router.handle(), 0, ZMQ_POLLIN, 0},
+                                              {publisher.handle(), 0, ZMQ_POLLIN, 0},
+                                              {nullptr, outgoing.fd(), ZMQ_POLLIN, 0}}};
+        zmq::poll(items.data(), items.size(), std::chrono::milliseconds(-1));
+        if ((items[0].revents & ZMQ_POLLIN) != 0) {
+            receive_command();
+        }
+        if ((items[1].revents & ZMQ_POLLIN) != 0) {
+            acknowledge_subscription();
+        }
+        while (const auto item = outgoing.take()) {
+            if (const auto* reply_item = std::get_if<Reply>(&*item)) {
+                send_reply(*reply_item);
+            } else {
+                cvex::publish(publisher, std::get<cvex::PublishedMessage>(*item));
+            }
+        }
+    }
+    for (const auto& [request_id, requester] : requesters) {
+        cvex::send_reply(router, requester,
+                         error_reply("error_internal", "cvcloudd stopped before the command was answered"));
+    }
+}
+
+void Exchange::receive_command() {
+    std::string sender;
+    try {
+        ReceivedCommand item{++last_request_id, cvex::receive_command(router, sender)};
+        if (item.command.type == cvex::type_wants_reply) {
+            requesters[item.request_id] = sender;
+        }
+        if (!received.put(std::move(item))) {
+            send_reply({last_request_id, error_reply("error_other", "cvcloudd is stopping")});
+        }
+    } catch (const std::invalid_argument& error) {
+        log_line(1, std::string("command refused: ") + error.what());
+        cvex::send_reply(router, sender, error_reply("error_other", error.what()));
+    }
+}
+
+void Exchange::acknowledge_subscription() {
+    zmq::message_t message;
+    if (publisher.recv(message) && message.size() > 0 && *message.data<char>() == 1) {
+        cvex::publish(publisher, {cvex::subscribed_message, ""});
+    }
+}
+
+void Exchange::send_reply(const Reply& reply_item) {
+    const auto requester = requesters.find(reply_item.request_id);
+    if (requester == requesters.end()) {
+        log_line(2, "nobody waits for a reply to request " + std::to_string(reply_item.request_id));
+        return;
+    }
+    cvex::send_reply(router, requester->second, reply_item.payload);
+    requesters.erase(requester);
+}
+
+} // namespace cvcloudd

@@ -1,0 +1,50 @@
+#ifndef CVEX_CLIENT_H
+#define CVEX_CLIENT_H
+
+#include <chrono>
+#include <stdexcept>
+#include <string>
+#include <variant>
+
+#include <zmq.hpp>
+
+#include "cvex/wire.h"
+
+namespace cvex {
+
+/// No daemon serves the exchange of the run directory; the text says which directory and what to do.
+struct NoDaemon : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct Reply {
+    std::string payload;
+};
+
+struct TimedOut {};
+
+using Event = std::variant<Reply, PublishedMessage, TimedOut>;
+
+/// One connection to the exchange: it sends commands and sees every reply to them and every message that is
+/// published from the end of the constructor on. For one thread.
+class Client {
+public:
+    /// Connects and subscribes; throws NoDaemon.
+    explicit Client(const std::string& run_directory);
+
+    /// Hands the command over; it is on its way even when the connection is closed at once.
+    void send(const Command& command);
+
+    /// The next event, or TimedOut when none comes before `deadline`. What was published is told before a
+    /// reply that is there at the same time.
+    Event wait(std::chrono::steady_clock::time_point deadline);
+
+private:
+    zmq::context_t context;
+    zmq::socket_t commands;
+    zmq::socket_t published;
+};
+
+} // namespace cvex
+
+#endif

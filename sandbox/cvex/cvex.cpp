@@ -1,0 +1,269 @@
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <map>
+#include <set>
+#include <string>
+
+#include <nlohmann/json.hpp>
+
+#include "common/command_line.h"
+#include "cvex/client.h"
+
+namespace {
+
+using nlohmann::json;
+
+enum ExitCode : int {
+    exit_ok = 0,
+    exit_failed = 1,
+    exit_refused = 3,
+    exit_timed_out = 4,
+    exit_no_daemon = 5,
+};
+
+constexpr const char* footer = R"(Exit codes:
+  0  the command succeeded: the reply's "result" is "ok", or no reply was asked for
+  1  it was accepted and failed; what stopped it is in the reply's "reason"
+  2  the command line is wrong
+  3  it was refused: bad arguments, a registration in progress, nothing to retry, unknown command
+  4  no reply came within --timeout
+  5  no daemon serves the run directory)";
+
+struct Options {
+    std::string run_directory;
+    std::string token;
+    std::string token_type = "partner";
+    std::string mac;
+    std::string name;
+    std::string payload;
+    double timeout_seconds = 60;
+    bool as_json = false;
+    bool no_reply = false;
+};
+
+std::string text_member(const json& document, const char* key) {
+    const auto member = document.is_object() ? document.find(key) : document.end();
+    return document.is_object() && member != document.end() && member->is_string()
+               ? member->get<std::string>()
+               : std::string();
+}
+
+json parse(const std::string& text) {
+    return json::parse(text, nullptr, false);
+}
+
+/// Tells a person the cloud requests of a registration as the daemon makes them.
+class StepPrinter {
+public:
+    void print(const std::string& progress_text) {
+        const json progress = parse(progress_text);
+        const std::string method = text_member(progress, "method");
+        const std::string error = text_member(progress, "error");
+        if (text_member(progress, "event") == "sent") {
+            std::printf("%-18s try %d sent to %s\n", method.c_str(), ++tries[method],
+                        text_member(progress, "service").c_str());
+        } else if (error.empty()) {
+            std::printf("%-18s try %d answered\n", method.c_str(), tries[method]);
+        } else {
+            std::printf("%-18s try %d failed: %s\n", method.c_str(), tries[method], error.c_str());
+            last_error = error;
+        }
+    }
+
+    /// What the last failed request failed of; empty when none failed.
+    std::string last_error;
+
+private:
+    std::map<std::string, int> tries;
+};
+
+ExitCode outcome_of(const std::string& reply) {
+    static const std::set<std::string> refusals{"error_invalid_arguments", "error_in_progress",
+                                                "error_other"};
+    if (reply.empty()) {
+        return exit_refused;
+    }
+    const std::string result = text_member(parse(reply), "result");
+    if (result == "ok") {
+        return exit_ok;
+    }
+    return refusals.count(result) == 1 ? exit_refused : exit_failed;
+}
+
+std::string describe_failure(const std::string& command, const std::string& reply, ExitCode outcome,
+                             const std::string& last_error) {
+    const json document = parse(reply);
+    const std::string result = text_member(document, "result");
+    std::string text = command + (outcome == exit_refused ? " was refused: " : " failed: ");
+    text +=
+        result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + text_member(document, "reason");
+    if (outcome == exit_failed && !last_error.empty()) {
+        text += " (" + last_error + ")";
+    }
+    return text;
+}
+
+/// Sends the command and tells what happens until it is answered. A registration that succeeded is also
+/// published; for a person both are told.
+int converse(const CLI::App& app, const Options& options, const cvex::Command& command,
+             bool is_registration) {
+    const auto deadline =
+        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                                               std::chrono::duration<double>(options.timeout_seconds));
+    const bool tell_steps = is_registration && !options.as_json;
+    cvex::Client client(options.run_directory);
+    client.send(command);
+    if (tell_steps) {
+        std::printf("%s sent\n", command.name.c_str());
+    }
+    if (options.no_reply) {
+        return exit_ok;
+    }
+
+    StepPrinter steps;
+    bool published = false;
+    bool replied = false;
+    ExitCode outcome = exit_timed_out;
+    while (!replied || (tell_steps && outcome == exit_ok && !published)) {
+        const cvex::Event event = client.wait(deadline);
+        if (std::holds_alternative<cvex::TimedOut>(event)) {
+            sandbox::print_problem(app,
+                                   std::string(replied ? "no \"cloud_registration_done\" was published"
+                                                       : "no reply to " + command.name + " came") +
+                                       " within the time-out: look at the daemon's log or raise --timeout");
+            return exit_timed_out;
+        }
+        if (const auto* reply = std::get_if<cvex::Reply>(&event)) {
+            replied = true;
+            outcome = outcome_of(reply->payload);
+            if (tell_steps && outcome == exit_ok) {
+                std::printf("reply              %s\n", reply->payload.c_str());
+            } else if (!tell_steps) {
+                std::printf("%s\n", reply->payload.c_str());
+            } else {
+                sandbox::print_problem(
+                    app, describe_failure(command.name, reply->payload, outcome, steps.last_error));
+            }
+        } else if (const auto& message = std::get<cvex::PublishedMessage>(event); tell_steps) {
+            if (message.name == cvex::progress_message) {
+                steps.print(message.payload);
+            } else if (message.name == "cloud_registration_done") {
+                published = true;
+                std::printf("published          %s %s\n", message.name.c_str(), message.payload.c_str());
+            }
+        }
+    }
+    return outcome;
+}
+
+int start(const CLI::App& app, const Options& options) {
+    json payload{{"token", options.token}, {"token_type", options.token_type}};
+    if (!options.mac.empty()) {
+        payload["register_mac_address"] = options.mac;
+    }
+    const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
+    return converse(app, options, {type, "start_cloud_registration", payload.dump()}, true);
+}
+
+int retry(const CLI::App& app, const Options& options) {
+    const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
+    return converse(app, options, {type, "retry_cloud_registration", ""}, true);
+}
+
+int send(const CLI::App& app, const Options& options) {
+    const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
+    return converse(app, options, {type, options.name, options.payload}, false);
+}
+
+int listen(const Options& options) {
+    cvex::Client client(options.run_directory);
+    std::fprintf(stderr, "cvex: listening\n");
+    for (;;) {
+        const cvex::Event event = client.wait(std::chrono::steady_clock::now() + std::chrono::hours(1));
+        const auto* message = std::get_if<cvex::PublishedMessage>(&event);
+        if (message == nullptr || message->name == cvex::subscribed_message) {
+            continue;
+        }
+        if (options.as_json) {
+            const json line{{"name", message->name}, {"payload", message->payload}};
+            std::printf("%s\n", line.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+        } else {
+            std::printf("%s %s\n", message->name.c_str(), message->payload.c_str());
+        }
+    }
+}
+
+void add_reply_options(CLI::App& command, Options& options) {
+    command.add_option("--timeout", options.timeout_seconds, "Seconds to wait for the reply")
+        ->check(CLI::Range(0.0, 86400.0))
+        ->capture_default_str();
+    command.add_flag("--no-reply", options.no_reply,
+                     "Ask for no reply and return as soon as the command is sent");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    CLI::App app(
+        "The box's message exchange on the command line: sends commands to the handlers that cvcloudd has "
+        "loaded and shows what comes back.",
+        "cvex");
+    app.footer(footer);
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.add_option("--run-dir", options.run_directory, "Run directory of the daemon")
+        ->envname("CVEX_RUN_DIR")
+        ->required();
+
+    CLI::App* start_command = app.add_subcommand("start", "Register the box: send start_cloud_registration");
+    start_command->add_option("--token", options.token, "Token of the user who registers the box")
+        ->required();
+    start_command->add_option("--token-type", options.token_type, "Kind of the token")
+        ->check(CLI::IsMember({"partner", "temporary"}))
+        ->capture_default_str();
+    start_command->add_option("--mac", options.mac,
+                              "MAC address to register [default: that of the box's interface]");
+    start_command->add_flag("--json", options.as_json, "Print the reply only, as it came");
+    add_reply_options(*start_command, options);
+
+    CLI::App* retry_command =
+        app.add_subcommand("retry", "Resume a failed registration: send retry_cloud_registration");
+    retry_command->add_flag("--json", options.as_json, "Print the reply only, as it came");
+    add_reply_options(*retry_command, options);
+
+    CLI::App* listen_command =
+        app.add_subcommand("listen", "Print every published message until interrupted");
+    listen_command->add_flag("--json", options.as_json,
+                             "Print each message as one line {\"name\": ..., \"payload\": ...}");
+
+    CLI::App* send_command = app.add_subcommand("send", "Send any command and print the reply as it came");
+    send_command->add_option("name", options.name, "Name of the command")->required();
+    send_command->add_option("payload", options.payload, "Payload, sent as it is; commonly a JSON text");
+    add_reply_options(*send_command, options);
+
+    if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
+        return *exit_code;
+    }
+    // Steps are shown as they happen, also to a reader behind a pipe.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    try {
+        if (start_command->parsed()) {
+            return start(app, options);
+        }
+        if (retry_command->parsed()) {
+            return retry(app, options);
+        }
+        if (listen_command->parsed()) {
+            return listen(options);
+        }
+        return send(app, options);
+    } catch (const cvex::NoDaemon& error) {
+        sandbox::print_problem(app, error.what());
+        return exit_no_daemon;
+    } catch (const std::exception& error) {
+        sandbox::print_problem(app, error.what());
+        return exit_failed;
+    }
+}

@@ -1,0 +1,108 @@
+#include "cvex/wire.h"
+
+#include <charconv>
+#include <iterator>
+#include <stdexcept>
+#include <vector>
+
+#include <sys/un.h>
+
+#include <zmq_addon.hpp>
+
+namespace cvex {
+
+namespace {
+
+const std::string scheme = "ipc://";
+
+void send_frames(zmq::socket_t& socket, const std::vector<std::string>& frames) {
+    std::vector<zmq::const_buffer> buffers;
+    for (const std::string& frame : frames) {
+        buffers.push_back(zmq::buffer(frame));
+    }
+    zmq::send_multipart(socket, buffers);
+}
+
+std::vector<std::string> receive_frames(zmq::socket_t& socket) {
+    std::vector<zmq::message_t> messages;
+    if (!zmq::recv_multipart(socket, std::back_inserter(messages))) {
+        return {};
+    }
+    std::vector<std::string> frames;
+    for (const zmq::message_t& message : messages) {
+        frames.push_back(message.to_string());
+    }
+    return frames;
+}
+
+} // namespace
+
+std::string commands_endpoint(const std::string& run_directory) {
+    return scheme + run_directory + "/commands";
+}
+
+std::string published_endpoint(const std::string& run_directory) {
+    return scheme + run_directory + "/published";
+}
+
+std::string socket_file(const std::string& endpoint) {
+    return endpoint.substr(scheme.size());
+}
+
+void check_run_directory(const std::string& run_directory) {
+    constexpr std::size_t path_limit = sizeof(sockaddr_un::sun_path) - 1;
+    const std::string longest = socket_file(published_endpoint(run_directory));
+    if (longest.size() > path_limit) {
+        throw std::runtime_error("socket path " + longest + " has " + std::to_string(longest.size()) +
+                                 " bytes, more than the " + std::to_string(path_limit) +
+                                 " of a socket address: use a shorter --run-dir");
+    }
+}
+
+void send_command(zmq::socket_t& dealer, const Command& command) {
+    send_frames(dealer, {command.name, std::to_string(command.type), command.payload});
+}
+
+std::string receive_reply(zmq::socket_t& dealer) {
+    const std::vector<std::string> frames = receive_frames(dealer);
+    return frames.empty() ? std::string() : frames.front();
+}
+
+PublishedMessage receive_published(zmq::socket_t& subscriber) {
+    std::vector<std::string> frames = receive_frames(subscriber);
+    frames.resize(2);
+    return {frames[0], frames[1]};
+}
+
+Command receive_command(zmq::socket_t& router, std::string& sender) {
+    const std::vector<std::string> frames = receive_frames(router);
+    if (!frames.empty()) {
+        sender = frames[0];
+    }
+    if (frames.size() != 4) {
+        throw std::invalid_argument("A command has the three frames name, type and payload");
+    }
+    Command command{0, frames[1], frames[3]};
+    if (command.name.empty() || command.name.size() > name_limit ||
+        command.name.find('\0') != std::string::npos) {
+        throw std::invalid_argument("A command name has 1 to " + std::to_string(name_limit) +
+                                    " bytes, none of them NUL");
+    }
+    const std::string& type = frames[2];
+    const char* const end = type.data() + type.size();
+    if (const auto result = std::from_chars(type.data(), end, command.type);
+        result.ec != std::errc() || result.ptr != end) {
+        throw std::invalid_argument("A command type is a decimal number of 32 bits");
+    }
+    return command;
+}
+
+void send_reply(zmq::socket_t& router, const std::string& receiver, const std::string& payload) {
+    send_frames(router, {receiver, payload});
+}
+
+void publish(zmq::socket_t& publisher, const PublishedMessage& message) {
+    send_frames(publisher, {message.name, message.payload});
+}
+
+} // namespace cvex

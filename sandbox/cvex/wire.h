@@ -1,0 +1,65 @@
+#ifndef CVEX_WIRE_H
+#define CVEX_WIRE_H
+
+#include <cstdint>
+#include <string>
+
+#include <zmq.hpp>
+
+/// The message exchange as it crosses the sockets of a run directory: the one place that knows endpoints and
+/// frames.
+///
+/// A client's DEALER socket sends commands to the daemon's ROUTER socket and receives replies from it; a
+/// client's SUB socket receives what the daemon's XPUB socket publishes.
+namespace cvex {
+
+/// The message type of a command whose sender waits for a direct reply.
+inline constexpr std::int32_t type_wants_reply = 2;
+inline constexpr std::int32_t type_without_reply = 0;
+
+/// The longest command name in bytes.
+inline constexpr std::size_t name_limit = 259;
+
+/// The daemon publishes this, without payload, as soon as it has taken a new subscription: a client that has
+/// seen it misses no message that is published from then on.
+inline constexpr const char* subscribed_message = "cvex_subscribed";
+
+/// The daemon publishes this for each cloud request, once when it is sent and once when it has ended. JSON
+/// members: "event" ("sent" or "ended"), "request" (its number, counted from 1 at the daemon's start),
+/// "service", "method"; with "ended" also "status" (0 for success) and, when the status is not 0, "error"
+/// (what happened, for a person).
+inline constexpr const char* progress_message = "cvcloudd_progress";
+
+struct Command {
+    std::int32_t type = type_wants_reply;
+    std::string name;
+    std::string payload;
+};
+
+struct PublishedMessage {
+    std::string name;
+    std::string payload;
+};
+
+/// The endpoints of the exchange in a run directory, and the socket files behind them.
+std::string commands_endpoint(const std::string& run_directory);
+std::string published_endpoint(const std::string& run_directory);
+std::string socket_file(const std::string& endpoint);
+
+/// Throws std::runtime_error when the path of a socket in `run_directory` is longer than a socket address
+/// holds.
+void check_run_directory(const std::string& run_directory);
+
+void send_command(zmq::socket_t& dealer, const Command& command);
+std::string receive_reply(zmq::socket_t& dealer);
+PublishedMessage receive_published(zmq::socket_t& subscriber);
+
+/// The daemon's side. `sender` is the address that a reply goes back to.
+/// Throws std::invalid_argument, with the reason, for frames that are no command; `sender` is set even then.
+Command receive_command(zmq::socket_t& router, std::string& sender);
+void send_reply(zmq::socket_t& router, const std::string& receiver, const std::string& payload);
+void publish(zmq::socket_t& publisher, const PublishedMessage& message);
+
+} // namespace cvex
+
+#endif

@@ -1,0 +1,18 @@
+#ifndef CVUTILS_CONTROL_H
+#define CVUTILS_CONTROL_H
+
+#include <string>
+
+namespace cv::setMgmt {
+
+/// Makes the JSON file at `path`, one object of key to value, the settings store of the process. Without a
+/// store every key has its default. The file is read anew at each getKeyValue(), so an edit is seen by the
+/// next reader.
+///
+/// Called once, before any thread that reads settings is started. Returns an empty text, or what is wrong
+/// with the file, with its name and line.
+std::string use_settings_file(const std::string& path);
+
+} // namespace cv::setMgmt
+
+#endif
