@@ -1,0 +1,98 @@
+#include "handler_library.h"
+
+#include <dlfcn.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+
+#include "await.h"
+#include "fake_cvutils.h"
+#include "journal.h"
+
+HandlerLibrary::HandlerLibrary() : library(dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
+    if (library == nullptr) {
+        std::fprintf(stderr, "%s\n", dlerror());
+        std::abort();
+    }
+    auto* const get_handler_api = reinterpret_cast<CvHandlerAPI* (*)()>(dlsym(library, "get_handler_api"));
+    if (get_handler_api == nullptr) {
+        std::fprintf(stderr, "%s\n", dlerror());
+        std::abort();
+    }
+    handler_object = get_handler_api();
+}
+
+HandlerLibrary::~HandlerLibrary() {
+    EXPECT_EQ(dlclose(library), 0);
+}
+
+void* HandlerLibrary::symbol(const char* name) const {
+    void* const address = dlsym(library, name);
+    EXPECT_NE(address, nullptr) << name;
+    return address;
+}
+
+bool HandlerLibrary::in_memory() {
+    void* const loaded = dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    if (loaded != nullptr) {
+        dlclose(loaded);
+    }
+    return loaded != nullptr;
+}
+
+void send_command(CvHandlerAPI& handler, const std::string& name, const std::string& payload, int type,
+                  unsigned long long request_id) {
+    const auto bytes = std::make_unique<char[]>(payload.length());
+    std::copy(payload.begin(), payload.end(), bytes.get());
+    const auto message = std::make_unique<Message>();
+    message->type = type;
+    std::strncpy(message->name, name.c_str(), sizeof message->name - 1);
+    message->request_id = request_id;
+    message->payload_len = static_cast<std::uint32_t>(payload.length());
+    message->payload = bytes.get();
+    handler.handle(message.get());
+}
+
+void ExpectTraffic(const std::vector<std::string>& events) {
+    EXPECT_EQ(fake_host::journal().events({"build_request", "send_request", "publish", "reply", "sleep"}),
+              events);
+}
+
+void AwaitEndOfRun(const std::string& event, std::size_t times) {
+    fake_host::Await(event, times);
+    // The worker waits in select() once more after the run.
+    const std::vector<std::string> events = fake_host::journal().events();
+    auto position = events.begin();
+    for (std::size_t seen = 0; position != events.end() && seen < times; ++position) {
+        seen += *position == event ? 1U : 0U;
+    }
+    fake_host::Await("select", static_cast<std::size_t>(std::count(events.begin(), position, "select")) + 1);
+}
+
+LibraryTest::LibraryTest() {
+    fake_host::reset_cvutils();
+    fake_host::journal().clear();
+    cloud.user_token = "none";
+    cloud.device_id = "none";
+    cloud.partner_id = "acme";
+    library = std::make_unique<HandlerLibrary>();
+}
+
+LibraryTest::~LibraryTest() {
+    library->handler().uninit();
+    library.reset();
+    EXPECT_FALSE(HandlerLibrary::in_memory());
+    EXPECT_EQ(cloud.lent_responses(), 0U);
+}
+
+void LibraryTest::Start() {
+    ASSERT_NE(library->handler().init(&cloud, commands), 0);
+}
+
+void LibraryTest::Answer(const std::string& service, const std::string& body) {
+    fake_host::Await("send_request " + service, ++answered[service]);
+    ASSERT_TRUE(cloud.answer_from_own_thread({body}));
+}

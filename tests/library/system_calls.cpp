@@ -1,0 +1,49 @@
+#include "system_calls.h"
+
+#include <dlfcn.h>
+#include <sys/select.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <new>
+#include <string>
+
+#include "journal.h"
+
+namespace {
+
+std::atomic<bool> allocation_fails{false};
+std::atomic<const unsigned char*> last_block{nullptr};
+
+} // namespace
+
+void fail_next_allocation() {
+    allocation_fails = true;
+}
+
+const unsigned char* last_allocation() {
+    return last_block;
+}
+
+unsigned int sleep(unsigned int seconds) {
+    fake_host::journal().record("sleep " + std::to_string(seconds));
+    return 0;
+}
+
+int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
+    static const auto next = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
+    fake_host::journal().record("select");
+    return next(count, readable, writable, exceptional, timeout);
+}
+
+void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+    if (allocation_fails.exchange(false)) {
+        return nullptr;
+    }
+    // From the throwing form, so that the sanitizers find allocation and deletion matched.
+    auto* const block = static_cast<unsigned char*>(::operator new(size));
+    std::memset(block, kDirt, size);
+    last_block = block;
+    return block;
+}
