@@ -107,11 +107,6 @@ std::vector<Reply> FakeCloudApi::replies() const {
     return sent_replies;
 }
 
-const void* FakeCloudApi::last_request_text() const {
-    const std::lock_guard<std::mutex> lock(mutex);
-    return request_text;
-}
-
 std::size_t FakeCloudApi::lent_responses() const {
     const std::lock_guard<std::mutex> lock(mutex);
     return lent.size();
@@ -164,9 +159,7 @@ char* FakeCloudApi::build_request(const char* method, const char* params, unsign
     }
     journal().record("build_request " + text);
     const std::lock_guard<std::mutex> lock(mutex);
-    char* built = next_result(build_results) == 0 ? strdup(text.c_str()) : nullptr;
-    request_text = built;
-    return built;
+    return next_result(build_results) == 0 ? strdup(text.c_str()) : nullptr;
 }
 
 int FakeCloudApi::publish_message(const char* name, const void* data, unsigned int length) {
@@ -191,7 +184,6 @@ int FakeCloudApi::send_response(const Message* reply) {
         const std::lock_guard<std::mutex> lock(mutex);
         result = next_result(reply_results);
         sent_replies.push_back({*reply, payload});
-        sent_replies.back().record.payload = nullptr; // It was lent for the call only.
     }
     journal().record("reply " + std::to_string(reply->request_id) + " " + payload);
     return result;

@@ -19,7 +19,8 @@ struct Answer {
     std::uint32_t status = 0;
 };
 
-/// A reply that the module sent, with the bytes of its record and a copy of its payload.
+/// A reply that the module sent: its record, whose payload pointer is no longer to be followed, and a copy of
+/// the payload.
 struct Reply {
     Message record;
     std::string payload;
@@ -44,7 +45,7 @@ struct OutstandingRequest {
 ///   reply REQUEST_ID PAYLOAD
 /// Without parameters PARAMS is "(none)". Any thread may call any member; the string members belong to the
 /// module while a registration runs.
-class FakeCloudApi final : public CvCloudAPI {
+class FakeCloudApi : public CvCloudAPI {
 public:
     FakeCloudApi() = default;
     FakeCloudApi(const FakeCloudApi&) = delete;
@@ -77,9 +78,6 @@ public:
     std::vector<OutstandingRequest> outstanding() const;
     std::vector<Reply> replies() const;
 
-    /// The text of build_request() that was returned last, to tell when it is freed. Perhaps freed already.
-    const void* last_request_text() const;
-
     /// Responses that were lent to a callback and have not come back.
     std::size_t lent_responses() const;
 
@@ -107,7 +105,6 @@ private:
     std::deque<OutstandingRequest> requests;
     std::vector<Reply> sent_replies;
     std::set<const cvtessel_response*> lent;
-    const void* request_text = nullptr;
 };
 
 } // namespace fake_host

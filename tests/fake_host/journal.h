@@ -25,7 +25,7 @@ public:
     /// Waits until the event has happened `times` times since the last clear(). False when the deadline
     /// passes first: nothing that a test waits for takes that long, so the test has failed.
     bool await(const std::string& event, std::size_t times = 1,
-               std::chrono::seconds deadline = std::chrono::seconds(30)) const;
+               std::chrono::seconds deadline = std::chrono::seconds(8)) const;
 
     void clear();
 
