@@ -1,0 +1,84 @@
+#ifndef MODULE_TEST_H
+#define MODULE_TEST_H
+
+#include <sys/ioctl.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "await.h"
+#include "cvregistration_globals.h"
+#include "cvregistration_state_machine.h"
+#include "cvregistration_utils.h"
+#include "cvutils/log.h"
+#include "fake_cloud_api.h"
+#include "fake_cvutils.h"
+#include "interception.h"
+#include "journal.h"
+
+using Events = std::vector<std::string>;
+
+/// The error reply that every failure ends in.
+inline std::string error_reply(const std::string& result, const std::string& reason) {
+    return "{\"result\": \"" + result + "\", \"reason\": \"" + reason + "\"}";
+}
+
+/// The events so far, or those that begin with one of the prefixes.
+inline Events events(const std::vector<std::string>& prefixes = {""}) {
+    return fake_host::journal().events(prefixes);
+}
+
+inline Events log_events() {
+    return events({"log "});
+}
+
+/// A host at its start, with the settings' defaults.
+class ModuleTest : public testing::Test {
+protected:
+    ModuleTest() {
+        interception::reset();
+        fake_host::reset_cvutils();
+        cv::registration::init_global_settings();
+        fake_host::reset_cvutils(); // Once more, for the line about the settings.
+        g_cvcloud_api = &cloud;
+        fake_host::journal().clear();
+    }
+
+    ~ModuleTest() override {
+        EXPECT_EQ(cloud.lent_responses(), 0U);
+        // The blocks of unanswered requests are with the cloud.
+        EXPECT_EQ(interception::unreleased(), static_cast<int>(cloud.outstanding().size()));
+        g_cvcloud_api = nullptr;
+        g_registration_handler = nullptr;
+    }
+
+    fake_host::FakeCloudApi cloud;
+};
+
+/// A registration object whose pipes are open, but whose worker the test plays itself.
+class HandlerTest : public ModuleTest {
+protected:
+    HandlerTest() {
+        g_registration_handler = &handler;
+        EXPECT_TRUE(handler.thread.init_pipes());
+        handler.reset();
+        fake_host::journal().clear();
+    }
+
+    ~HandlerTest() override {
+        handler.thread.uninit();
+    }
+
+    /// Wake-up bytes that the worker has not read.
+    int wake_ups() const {
+        int bytes = -1;
+        EXPECT_EQ(ioctl(handler.thread.run_pipe[0], FIONREAD, &bytes), 0);
+        return bytes;
+    }
+
+    cv::registration::RegistrationHandler handler;
+};
+
+#endif
