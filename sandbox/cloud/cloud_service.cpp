@@ -60,6 +60,8 @@ CloudService::Answer CloudService::answer(const std::string& service, const std:
             answer.document["result"] = get_device_token(params);
         } else if (called == "connect/box_mgmt register_box") {
             answer.document["result"] = register_box(params);
+            answer.outcome += ", " + params["macs"][0].get<std::string>() + " is " +
+                              answer.document["result"]["device_id"].get<std::string>();
         } else {
             throw RequestError{method_not_found, "Method not found",
                                service + " has no method " + answer.method};
@@ -98,9 +100,8 @@ Json CloudService::register_box(const Json& params) {
         throw RequestError{invalid_params, "Invalid params", "\"macs\" is not an array of one MAC address"};
     }
     const auto number = device_ids.size() + 1;
-    const auto [box, is_new] =
-        device_ids.try_emplace(macs[0].get<std::string>(), "box-" + std::to_string(number));
-    return {{"device_id", box->second}, {"new", is_new}};
+    const auto box = device_ids.try_emplace(macs[0].get<std::string>(), "box-" + std::to_string(number)).first;
+    return {{"device_id", box->second}};
 }
 
 std::string CloudService::hand_out_user_token() {

@@ -1,0 +1,52 @@
+"""Registers the box once: starts a desk, runs cvex start, shows the steps and stops everything again."""
+
+import argparse
+import subprocess
+import sys
+
+import desk
+
+
+class Parser(argparse.ArgumentParser):
+    def error(self, message):
+        self.exit(2, f"{self.prog}: {message}; see {self.prog} --help\n")
+
+
+def parse_arguments():
+    parser = Parser(prog="./run", description=__doc__, allow_abbrev=False)
+    parser.add_argument("--build-dir", required=True, help="build directory of the programs")
+    parser.add_argument("--token", help="token to register with [default: one that the cloud accepts]")
+    parser.add_argument("--token-type", choices=["partner", "temporary"], default="partner")
+    parser.add_argument("--mac", help="MAC address to register [default: that of the simulated eth2]")
+    parser.add_argument("-v", "--verbose", action="store_true", help="show the logs of the cloud and the daemon")
+    return parser.parse_args()
+
+
+def register(arguments):
+    on_line = (lambda line: print(line, file=sys.stderr, flush=True)) if arguments.verbose else None
+    token = arguments.token or desk.TOKENS[arguments.token_type]
+    with desk.Desk(desk.programs_file_of(arguments.build_dir), on_line) as appliance:
+        appliance.start_cloud(tokens={arguments.token_type: token})
+        print(f"cloud              listening on {appliance.cloud_url}", flush=True)
+        appliance.start_daemon("--log-level", "3" if arguments.verbose else "2")
+        print(f"cvcloudd           ready in {appliance.run_directory}", flush=True)
+        command = appliance.cvex_command("start", "--token", token, "--token-type", arguments.token_type)
+        if arguments.mac:
+            command += ["--mac", arguments.mac]
+        return subprocess.run(command, check=False).returncode
+
+
+def main():
+    arguments = parse_arguments()
+    desk.exit_on_signals()
+    try:
+        return register(arguments)
+    except desk.DeskError as error:
+        print(f"./run: {error}", file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        return 130
+
+
+if __name__ == "__main__":
+    sys.exit(main())
