@@ -100,7 +100,8 @@ Json CloudService::register_box(const Json& params) {
         throw RequestError{invalid_params, "Invalid params", "\"macs\" is not an array of one MAC address"};
     }
     const auto number = device_ids.size() + 1;
-    const auto box = device_ids.try_emplace(macs[0].get<std::string>(), "box-" + std::to_string(number)).first;
+    const auto box =
+        device_ids.try_emplace(macs[0].get<std::string>(), "box-" + std::to_string(number)).first;
     return {{"device_id", box->second}};
 }
 

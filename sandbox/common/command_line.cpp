@@ -1,6 +1,7 @@
 #include "common/command_line.h"
 
 #include <cstdio>
+#include <vector>
 
 namespace sandbox {
 
@@ -12,7 +13,11 @@ std::optional<int> read_command_line(CLI::App& app, int argc, char** argv) {
         if (error.get_exit_code() == 0) {
             return app.exit(error);
         }
-        print_problem(app, std::string(error.what()) + "; see " + app.get_name() + " --help");
+        // A word that is not understood may be why something else is missing: it is what the line names.
+        const std::vector<std::string> unknown = app.remaining(true);
+        const std::string problem =
+            unknown.empty() ? error.what() : "'" + unknown.front() + "' is not understood";
+        print_problem(app, problem + "; see " + app.get_name() + " --help");
         return exit_usage;
     }
 }

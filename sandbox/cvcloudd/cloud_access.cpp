@@ -18,6 +18,8 @@ namespace {
 using nlohmann::ordered_json;
 
 constexpr long http_ok = 200;
+/// Further requests wait for one of the connections; their time-out runs meanwhile.
+constexpr long connection_limit = 4;
 
 /// The response as it is lent to a callback, together with the bytes that it points at.
 struct OwnedResponse : cvtessel_response {
@@ -85,6 +87,7 @@ CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_ex
       json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
     check_url(options.url);
     partner_id = options.partner_id;
+    curl_multi_setopt(multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connection_limit);
     thread = std::thread(&CloudAccess::run, this);
 }
 

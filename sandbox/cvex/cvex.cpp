@@ -98,8 +98,8 @@ std::string describe_failure(const std::string& command, const std::string& repl
     std::string text = command + (outcome == exit_refused ? " was refused: " : " failed: ");
     text +=
         result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + text_member(document, "reason");
-    if (outcome == exit_failed && !last_error.empty()) {
-        text += " (" + last_error + ")";
+    if (outcome == exit_failed) {
+        text += (last_error.empty() ? "" : " (" + last_error + ")") + "; correct the cause, then cvex retry";
     }
     return text;
 }

@@ -1,0 +1,102 @@
+// A handler that shows what the daemon owes to handlers. "probe_cloud" sends as many cloud requests as its
+// payload says, a decimal number, and replies when the last of them has been called back. At the end it tells
+// in the log how many requests were accepted and called back, and what a request gets that comes too late.
+
+#include <atomic>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "cvcloud/cvhandler_api.h"
+#include "cvutils/log.h"
+
+namespace {
+
+CvCloudAPI* cloud = nullptr;
+std::atomic<unsigned> accepted = 0;
+std::atomic<unsigned> called_back = 0;
+
+/// One "probe_cloud" command, shared by its requests; the last of them answers and deletes it.
+struct Probe {
+    std::uint64_t request_id;
+    std::atomic<unsigned> outstanding;
+    std::atomic<unsigned> failed;
+};
+
+void log_text(const std::string& text) {
+    cv::log::print(0, 0, ("probe: " + text).c_str());
+}
+
+void reply(std::uint64_t request_id, const std::string& text) {
+    Message message{};
+    message.name[0] = '0';
+    message.request_id = request_id;
+    message.payload_len = static_cast<std::uint32_t>(text.size());
+    message.payload = text.c_str();
+    cloud->send_response(&message);
+}
+
+void count_callback(cvtessel_response* response, void* user_data) {
+    auto* const probe = static_cast<Probe*>(user_data);
+    ++called_back;
+    if (response->status != 0) {
+        ++probe->failed;
+    }
+    cloud->release_response(response);
+    if (--probe->outstanding == 0) {
+        reply(probe->request_id, R"({"result": "ok", "failed": )" + std::to_string(probe->failed) + "}");
+        delete probe;
+    }
+}
+
+int send(Probe* probe) {
+    char* const request = cloud->build_request("probe", "{}", 2, true);
+    const int result = cloud->send_request(request, "connect/probe", count_callback, probe);
+    std::free(request);
+    return result;
+}
+
+class ProbeHandler final : public CvHandlerAPI {
+public:
+    int init(CvCloudAPI* api, std::vector<std::string>& commands) override {
+        cloud = api;
+        commands.emplace_back("probe_cloud");
+        return 1;
+    }
+
+    void subscribe_for_cmds(std::vector<std::string>& commands) override {
+        commands.emplace_back("probe_late_subscription");
+    }
+
+    void uninit() override {
+        log_text("accepted " + std::to_string(accepted) + ", called back " + std::to_string(called_back));
+        Probe late{0, {0}, {0}};
+        log_text("a request at the end gets " + std::to_string(send(&late)));
+    }
+
+    void handle(const Message* message) override {
+        if (std::strcmp(message->name, "probe_cloud") != 0) {
+            reply(message->request_id, R"({"result": "ok"})");
+            return;
+        }
+        const auto count =
+            static_cast<unsigned>(std::stoul(std::string(message->payload, message->payload_len)));
+        auto* const probe = new Probe{message->request_id, {count}, {0}};
+        for (unsigned i = 0; i < count; ++i) {
+            if (send(probe) == 0) {
+                ++accepted;
+            }
+        }
+        log_text("sent");
+    }
+};
+
+ProbeHandler handler;
+
+} // namespace
+
+extern "C" CvHandlerAPI* get_handler_api() {
+    return &handler;
+}

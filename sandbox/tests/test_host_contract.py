@@ -1,0 +1,71 @@
+"""What the daemon owes to any handler that it loads."""
+
+import json
+
+
+def test_each_accepted_request_is_called_back_once(appliance, handlers):
+    appliance.start_cloud()
+    daemon = appliance.start_daemon(handler=handlers["probe"])
+    result = appliance.cvex("send", "probe_cloud", "200")
+    assert json.loads(result.stdout) == {"result": "ok", "failed": 0}
+    assert daemon.stop() == 0
+    daemon.wait_for_line("probe: accepted 200, called back 200$")
+    daemon.wait_for_line("probe: a request at the end gets 1$")
+
+
+def test_outstanding_requests_are_called_back_before_uninit(appliance, handlers, silent_cloud):
+    appliance.cloud_url = silent_cloud.url
+    daemon = appliance.start_daemon(handler=handlers["probe"])
+    # More than the daemon has connections: some are outstanding at the cloud, some still wait in the daemon.
+    client = appliance.start(appliance.cvex_command("send", "probe_cloud", "9"))
+    silent_cloud.wait_for_requests(4)
+    daemon.wait_for_line("probe: sent$")
+    assert daemon.stop() == 0
+    daemon.wait_for_line("probe: accepted 9, called back 9$")
+    client.wait_for_line(r'^{"result": "ok", "failed": 9}$')
+    assert client.wait() == 0
+
+
+def test_a_handler_may_subscribe_later_than_in_init(appliance, handlers):
+    appliance.start_cloud()
+    appliance.start_daemon(handler=handlers["probe"])
+    assert appliance.cvex("send", "probe_late_subscription").returncode == 0
+
+
+def test_a_request_ends_at_its_time_out(appliance, silent_cloud):
+    appliance.cloud_url = silent_cloud.url
+    appliance.start_daemon("--request-timeout", "0.1")
+    result = appliance.cvex("start", "--json", "--token", "any")
+    assert result.returncode == 1
+    assert json.loads(result.stdout) == {"result": "error_cvnc", "reason": "Response status 28"}
+
+
+def test_an_http_error_is_a_failed_request(appliance):
+    appliance.start_cloud()
+    # The web server of the simulated cloud refuses a path of this length.
+    appliance.cloud_url += "/" + "x" * 9000
+    appliance.start_daemon()
+    result = appliance.cvex("start", "--json", "--token", "any")
+    assert result.returncode == 1
+    assert json.loads(result.stdout) == {"result": "error_cvnc", "reason": "Response status 414"}
+
+
+def test_a_command_that_no_handler_takes_is_answered(ready_desk):
+    result = ready_desk.cvex("send", "reboot")
+    assert result.returncode == 3
+    assert json.loads(result.stdout) == {"result": "error_other",
+                                         "reason": "No handler takes the command reboot"}
+
+
+def test_a_command_with_an_impossible_name_is_answered(ready_desk):
+    result = ready_desk.cvex("send", "x" * 260)
+    assert result.returncode == 3
+    assert "1 to 259 bytes" in json.loads(result.stdout)["reason"]
+
+
+def test_the_daemon_does_without_an_optional_handler(appliance, handlers):
+    appliance.start_cloud()
+    daemon = appliance.start_daemon("--handler", handlers["probe"], handler=handlers["unready_optional"])
+    daemon.wait_for_line("unready_optional_handler.so is not ready and is left out$")
+    assert appliance.cvex("send", "never_delivered").returncode == 3
+    assert appliance.cvex("send", "probe_late_subscription").returncode == 0
