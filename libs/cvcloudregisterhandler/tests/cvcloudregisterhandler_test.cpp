@@ -444,16 +444,16 @@ TEST_F(CommandTest, AStartPreparesEverythingBeforeItWakesTheWorker) {
     });
     start(partner);
     EXPECT_EQ(prepared, "t thebox t 0A:1B connect 7 reply in progress");
-    await_worker(1);
 }
 
 TEST_F(CommandTest, AStartReleasesItsPayloadBeforeItLooksForTheMacAddress) {
     start(R"({"token": "t", "token_type": "partner"})");
-    const Events order = events({"log 2", "release document", "get_mac_address"});
+    Events order = events({"log 2", "release document", "get_mac_address"});
+    ASSERT_GE(order.size(), 4U);
+    order.resize(4); // The worker may have released a document of its own by now.
     EXPECT_EQ(order, (Events{received, "release document", "get_mac_address eth2",
                              "log 2 set_input_params: Registration input params: token=t, "
                              "mac=0A:1B:2C:3D:4E:5F, token_type=partner"}));
-    await_worker(1);
 }
 
 TEST_F(CommandTest, APartnerTokenIsRegisteredAndAnswered) {

@@ -451,7 +451,7 @@ TEST_F(StateMachineTest, AStepIsTriedOnceMoreThanItIsRetriedWithAPauseBeforeEach
 }
 
 TEST_F(StateMachineTest, AStepWaitsOnceItsRequestIsOnItsWay) {
-    prepare_step([this] {
+    prepare_step([] {
         journal().record("try");
         return true;
     });
@@ -464,7 +464,7 @@ TEST_F(StateMachineTest, AStepWaitsOnceItsRequestIsOnItsWay) {
 
 TEST_F(StateMachineTest, ASecondWakeUpSpendsATryAndSendsAgain) {
     g_retry_interval = 0;
-    prepare_step([this] {
+    prepare_step([] {
         journal().record("try");
         return true;
     });
@@ -511,7 +511,7 @@ TEST_F(StateMachineTest, ATryThatFollowsTwoSendFailuresIsTheLastOfTwoRetries) {
 TEST_F(StateMachineTest, WithoutRetriesAStepIsTriedOnce) {
     g_retry_num = 0;
     handler.reset();
-    prepare_step([this] {
+    prepare_step([] {
         journal().record("try");
         return false;
     });
