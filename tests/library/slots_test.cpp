@@ -29,7 +29,6 @@ constexpr bool kTarget = sizeof(void*) == 4;
 struct MessageBytes {
     static constexpr std::size_t kName = 4;
     static constexpr std::size_t kRequestId = 264;
-    static constexpr std::size_t kReserved = 272;
     static constexpr std::size_t kPayloadLength = 280;
     static constexpr std::size_t kPayload = kTarget ? 284 : 288;
     static constexpr std::size_t kSize = kTarget ? 288 : 296;

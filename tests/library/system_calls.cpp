@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <cstring>
 #include <new>
 #include <string>
@@ -14,12 +15,17 @@
 namespace {
 
 std::atomic<bool> allocation_fails{false};
+std::atomic<bool> pipe_fails{false};
 std::atomic<const unsigned char*> last_block{nullptr};
 
 } // namespace
 
 void fail_next_allocation() {
     allocation_fails = true;
+}
+
+void fail_next_pipe() {
+    pipe_fails = true;
 }
 
 const unsigned char* last_allocation() {
@@ -35,6 +41,15 @@ int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, t
     static const auto next = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
     fake_host::journal().record("select");
     return next(count, readable, writable, exceptional, timeout);
+}
+
+int pipe2(int ends[2], int flags) {
+    static const auto next = reinterpret_cast<decltype(&pipe2)>(dlsym(RTLD_NEXT, "pipe2"));
+    if (pipe_fails.exchange(false)) {
+        errno = EMFILE;
+        return -1;
+    }
+    return next(ends, flags);
 }
 
 void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
