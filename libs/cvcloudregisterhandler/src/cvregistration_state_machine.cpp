@@ -18,6 +18,12 @@ namespace cv::registration {
 
 namespace {
 
+// The tries of a step: one more than the retries. With the most retries that a setting can hold the sum
+// wraps, and the step is not tried at all.
+std::int32_t full_budget() {
+    return static_cast<std::int32_t>(static_cast<std::uint32_t>(g_retry_num) + 1U);
+}
+
 std::string jansson_error() {
     return build_error_response(error_internal, "jansson error");
 }
@@ -52,7 +58,7 @@ void RegistrationHandler::reset() {
     state = LOGIN;
     for (StepProgress* progress : {&login_progress, &register_progress}) {
         progress->succeeded = false;
-        progress->tries_left = g_retry_num + 1;
+        progress->tries_left = full_budget();
         progress->value.clear();
     }
     first_method.clear();
@@ -89,10 +95,10 @@ bool RegistrationHandler::retry_cloud_registration(std::string& error) {
         return false;
     }
     if (!login_progress.succeeded) {
-        login_progress.tries_left = g_retry_num + 1;
+        login_progress.tries_left = full_budget();
         state = LOGIN;
     } else if (!register_progress.succeeded) {
-        register_progress.tries_left = g_retry_num + 1;
+        register_progress.tries_left = full_budget();
         state = REGISTER_DEVICE;
     } else {
         state = FINISH;
