@@ -187,9 +187,10 @@ SelectCall last_select() {
 
 } // namespace interception
 
-// ---- Memory. All forms are malloc() and free(), so that the sanitizers see matching pairs.
+// ---- Memory. All forms are malloc() and free(), so that the sanitizers see matching pairs; not inlined, or
+// the compiler would see malloc() meet operator delete.
 
-void* operator new(std::size_t size) {
+[[gnu::noinline]] void* operator new(std::size_t size) {
     if (void* memory = std::malloc(size)) {
         return memory;
     }
@@ -209,7 +210,7 @@ void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return memory + kSizeField;
 }
 
-void operator delete(void* memory) noexcept {
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
     if (!blocks.remove(memory)) {
         std::free(memory);
         return;
@@ -221,11 +222,11 @@ void operator delete(void* memory) noexcept {
     std::free(start);
 }
 
-void operator delete(void* memory, std::size_t) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, std::size_t) noexcept {
     operator delete(memory);
 }
 
-void operator delete(void* memory, const std::nothrow_t&) noexcept {
+[[gnu::noinline]] void operator delete(void* memory, const std::nothrow_t&) noexcept {
     operator delete(memory);
 }
 
