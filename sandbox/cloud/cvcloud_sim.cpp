@@ -42,13 +42,18 @@ int main(int argc, char** argv) {
         "cvcloud-sim");
     app.footer("Exit codes: 0 stopped by a signal, 1 could not start, 2 the command line is wrong");
     app.add_option("--port", port, "Port to listen on; 0 takes a free one")
-        ->check(CLI::Range(0, 65535))
+        ->check(CLI::Range(0, 65535).description(""))
+        ->type_name("PORT")
         ->capture_default_str();
-    app.add_option("--partner-id", options.partner_id, "The partner that may connect")->capture_default_str();
+    app.add_option("--partner-id", options.partner_id, "The partner that may connect")
+        ->type_name("ID")
+        ->capture_default_str();
     app.add_option("--partner-token", partner_tokens, "A partner token that is good; may be repeated")
+        ->type_name("TOKEN")
         ->allow_extra_args(false)
         ->capture_default_str();
     app.add_option("--temporary-token", temporary_tokens, "A temporary token that is good; may be repeated")
+        ->type_name("TOKEN")
         ->allow_extra_args(false)
         ->capture_default_str();
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {

@@ -172,24 +172,31 @@ int main(int argc, char** argv) {
     app.footer("Exit codes: 0 stopped by a signal, 1 could not start, 2 the command line is wrong");
     app.add_option("--run-dir", options.run_directory,
                    "Existing directory for the sockets of the message exchange")
-        ->check(CLI::ExistingDirectory)
+        ->check(CLI::ExistingDirectory.description(""))
+        ->type_name("DIRECTORY")
         ->required();
     app.add_option("--handler", options.handlers, "Handler library to load; may be repeated")
+        ->type_name("FILE")
         ->required()
         ->allow_extra_args(false);
     app.add_option("--cloud-url", options.cloud.url, "The cloud, for example http://127.0.0.1:8080")
+        ->type_name("URL")
         ->required();
     app.add_option(
-        "--settings", options.settings_file,
-        "Settings store, a JSON file of key to value [default: none, every setting has its default]");
-    app.add_option("--partner-id", options.cloud.partner_id, "Partner that the box is configured for");
-    app.add_option("--request-timeout", options.request_timeout_seconds,
-                   "Seconds until a cloud request is given up")
-        ->check(CLI::Range(0.001, 86400.0))
+           "--settings", options.settings_file,
+           "Settings store, a JSON file of key to value [default: none, every setting has its default]")
+        ->type_name("FILE");
+    app.add_option("--partner-id", options.cloud.partner_id,
+                   "Partner that the box is configured for [default: none]")
+        ->type_name("ID");
+    app.add_option("--request-timeout", options.request_timeout_seconds, "How long a cloud request may take")
+        ->check(CLI::Range(0.001, 86400.0).description(""))
+        ->type_name("SECONDS")
         ->capture_default_str();
     app.add_option("--log-level", options.log_level,
                    "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
-        ->check(CLI::Range(0, 3))
+        ->check(CLI::Range(0, 3).description(""))
+        ->type_name("LEVEL")
         ->capture_default_str();
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
         return *exit_code;

@@ -99,7 +99,8 @@ std::string describe_failure(const std::string& command, const std::string& repl
     text +=
         result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + text_member(document, "reason");
     if (outcome == exit_failed) {
-        text += (last_error.empty() ? "" : " (" + last_error + ")") + "; correct the cause, then cvex retry";
+        text += (last_error.empty() ? "" : " (" + last_error + ")") +
+                "; correct the cause, then start again or resume with cvex retry";
     }
     return text;
 }
@@ -195,8 +196,9 @@ int listen(const Options& options) {
 }
 
 void add_reply_options(CLI::App& command, Options& options) {
-    command.add_option("--timeout", options.timeout_seconds, "Seconds to wait for the reply")
-        ->check(CLI::Range(0.0, 86400.0))
+    command.add_option("--timeout", options.timeout_seconds, "How long to wait for the reply")
+        ->check(CLI::Range(0.0, 86400.0).description(""))
+        ->type_name("SECONDS")
         ->capture_default_str();
     command.add_flag("--no-reply", options.no_reply,
                      "Ask for no reply and return as soon as the command is sent");
@@ -214,17 +216,21 @@ int main(int argc, char** argv) {
     app.require_subcommand(1);
     app.fallthrough();
     app.add_option("--run-dir", options.run_directory, "Run directory of the daemon")
+        ->type_name("DIRECTORY")
         ->envname("CVEX_RUN_DIR")
         ->required();
 
     CLI::App* start_command = app.add_subcommand("start", "Register the box: send start_cloud_registration");
     start_command->add_option("--token", options.token, "Token of the user who registers the box")
+        ->type_name("TOKEN")
         ->required();
     start_command->add_option("--token-type", options.token_type, "Kind of the token")
-        ->check(CLI::IsMember({"partner", "temporary"}))
+        ->check(CLI::IsMember({"partner", "temporary"}).description(""))
+        ->type_name("partner|temporary")
         ->capture_default_str();
-    start_command->add_option("--mac", options.mac,
-                              "MAC address to register [default: that of the box's interface]");
+    start_command
+        ->add_option("--mac", options.mac, "MAC address to register [default: that of the box's interface]")
+        ->type_name("MAC");
     start_command->add_flag("--json", options.as_json, "Print the reply only, as it came");
     add_reply_options(*start_command, options);
 
@@ -239,8 +245,9 @@ int main(int argc, char** argv) {
                              "Print each message as one line {\"name\": ..., \"payload\": ...}");
 
     CLI::App* send_command = app.add_subcommand("send", "Send any command and print the reply as it came");
-    send_command->add_option("name", options.name, "Name of the command")->required();
-    send_command->add_option("payload", options.payload, "Payload, sent as it is; commonly a JSON text");
+    send_command->add_option("name", options.name, "Name of the command")->type_name("")->required();
+    send_command->add_option("payload", options.payload, "Payload, sent as it is; commonly a JSON text")
+        ->type_name("");
     add_reply_options(*send_command, options);
 
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
