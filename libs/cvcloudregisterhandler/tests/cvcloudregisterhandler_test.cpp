@@ -105,6 +105,8 @@ TEST_F(EntryPointTest, InitRefusesToWorkWithoutACloudAccessObject) {
 }
 
 TEST_F(EntryPointTest, InitFailsWithoutMemoryForTheRegistrationObject) {
+    RegistrationHandler foreign;
+    g_registration_handler = &foreign; // It must not be taken for the object that could not be created.
     interception::fail_next_new();
     EXPECT_EQ(init(), 0);
     EXPECT_EQ(events(), (Events{"new " + size_of_handler,

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <functional>
+#include <limits>
 
 #include "cvregistration_callbacks.h"
 #include "cvregistration_constants.h"
@@ -531,6 +532,15 @@ TEST_F(StateMachineTest, ANegativeNumberOfRetriesFailsAStepUntried) {
         expect_failed("");
         EXPECT_EQ(handler.login_progress.tries_left, retries + 1);
     }
+}
+
+TEST_F(StateMachineTest, TheLargestNumberOfRetriesWrapsAndFailsAStepUntried) {
+    g_retry_num = std::numeric_limits<int>::max();
+    handler.reset();
+    prepare();
+    handler.run_state_machine();
+    EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: -2147483648",
+                                "log 1 do_work: No more tries left. connect failed"}));
 }
 
 TEST_F(StateMachineTest, TheBoxRegistrationHasABudgetOfItsOwn) {
