@@ -145,10 +145,11 @@ bool json_attach_value(json_t* object, const char* key, const std::vector<std::s
         return false;
     }
     json_t* array = json_array();
+    bool complete = true;
     for (const std::string& value : values) {
-        json_array_append_new(array, json_string(value.c_str()));
+        complete = json_array_append_new(array, json_string(value.c_str())) == 0 && complete;
     }
-    return json_object_set_new(object, key, array) == 0;
+    return json_object_set_new(object, key, array) == 0 && complete;
 }
 
 const char* json_extract_string_value(const json_t* value) {
