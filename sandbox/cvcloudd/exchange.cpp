@@ -81,11 +81,11 @@ void Exchange::refuse_commands() {
 }
 
 bool Exchange::reply(std::uint64_t request_id, std::string payload) {
-    return outgoing.put(Reply{request_id, std::move(payload)});
+    return outgoing.put(OutgoingReply{request_id, std::move(payload)});
 }
 
 bool Exchange::publish(std::string name, std::string payload) {
-    return outgoing.put(cvex::PublishedMessage{std::move(name), std::move(payload)});
+    return outgoing.put(OutgoingMessage{std::move(name), std::move(payload)});
 }
 
 void Exchange::run() {
@@ -101,16 +101,17 @@ void Exchange::run() {
             acknowledge_subscription();
         }
         while (const auto item = outgoing.take()) {
-            if (const auto* reply_item = std::get_if<Reply>(&*item)) {
+            if (const auto* reply_item = std::get_if<OutgoingReply>(&*item)) {
                 send_reply(*reply_item);
             } else {
-                cvex::publish(publisher, std::get<cvex::PublishedMessage>(*item));
+                const auto& message = std::get<OutgoingMessage>(*item);
+                send_published(message.name, message.payload);
             }
         }
     }
     for (const auto& [request_id, requester] : requesters) {
-        cvex::send_reply(router, requester,
-                         error_reply("error_internal", "cvcloudd stopped before the command was answered"));
+        send_reply_to(requester,
+                      error_reply("error_internal", "cvcloudd stopped before the command was answered"));
     }
 }
 
@@ -126,25 +127,33 @@ void Exchange::receive_command() {
         }
     } catch (const std::invalid_argument& error) {
         log_line(1, std::string("command refused: ") + error.what());
-        cvex::send_reply(router, sender, error_reply("error_other", error.what()));
+        send_reply_to(sender, error_reply("error_other", error.what()));
     }
 }
 
 void Exchange::acknowledge_subscription() {
     zmq::message_t message;
     if (publisher.recv(message) && message.size() > 0 && *message.data<char>() == 1) {
-        cvex::publish(publisher, {cvex::subscribed_message, ""});
+        send_published(cvex::subscribed_message, "");
     }
 }
 
-void Exchange::send_reply(const Reply& reply_item) {
+void Exchange::send_reply(const OutgoingReply& reply_item) {
     const auto requester = requesters.find(reply_item.request_id);
     if (requester == requesters.end()) {
         log_line(2, "nobody waits for a reply to request " + std::to_string(reply_item.request_id));
         return;
     }
-    cvex::send_reply(router, requester->second, reply_item.payload);
+    send_reply_to(requester->second, reply_item.payload);
     requesters.erase(requester);
+}
+
+void Exchange::send_reply_to(const std::string& requester, const std::string& payload) {
+    cvex::send_reply(router, requester, {payload, last_published});
+}
+
+void Exchange::send_published(const std::string& name, const std::string& payload) {
+    cvex::publish(publisher, {name, payload, ++last_published});
 }
 
 } // namespace cvcloudd

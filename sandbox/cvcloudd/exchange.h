@@ -53,8 +53,13 @@ public:
     bool publish(std::string name, std::string payload);
 
 private:
-    struct Reply {
+    struct OutgoingReply {
         std::uint64_t request_id;
+        std::string payload;
+    };
+
+    struct OutgoingMessage {
+        std::string name;
         std::string payload;
     };
 
@@ -73,15 +78,18 @@ private:
     void run();
     void receive_command();
     void acknowledge_subscription();
-    void send_reply(const Reply& reply);
+    void send_reply(const OutgoingReply& reply);
+    void send_reply_to(const std::string& requester, const std::string& payload);
+    void send_published(const std::string& name, const std::string& payload);
 
     DirectoryLock lock;
     zmq::context_t context;
     zmq::socket_t router;
     zmq::socket_t publisher;
     Mailbox<ReceivedCommand> received;
-    Mailbox<std::variant<Reply, cvex::PublishedMessage>> outgoing;
+    Mailbox<std::variant<OutgoingReply, OutgoingMessage>> outgoing;
     std::uint64_t last_request_id = 0;
+    std::uint64_t last_published = 0;
     std::map<std::uint64_t, std::string> requesters;
     std::thread thread;
 };

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -62,18 +63,29 @@ void Client::send(const Command& command) {
 }
 
 Event Client::wait(std::chrono::steady_clock::time_point deadline) {
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-    std::array<zmq::pollitem_t, 2> items{
-        {{published.handle(), 0, ZMQ_POLLIN, 0}, {commands.handle(), 0, ZMQ_POLLIN, 0}}};
-    zmq::poll(items.data(), items.size(), std::max(left, std::chrono::milliseconds(0)));
-    if ((items[0].revents & ZMQ_POLLIN) != 0) {
-        return receive_published(published);
+    for (;;) {
+        if (early_reply && early_reply->published_before <= last_seen) {
+            return *std::exchange(early_reply, std::nullopt);
+        }
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+        std::array<zmq::pollitem_t, 2> items{
+            {{published.handle(), 0, ZMQ_POLLIN, 0}, {commands.handle(), 0, ZMQ_POLLIN, 0}}};
+        zmq::poll(items.data(), early_reply ? 1 : 2, std::max(left, std::chrono::milliseconds(0)));
+        if ((items[0].revents & ZMQ_POLLIN) != 0) {
+            PublishedMessage message = receive_published(published);
+            last_seen = message.number;
+            return message;
+        }
+        if ((items[1].revents & ZMQ_POLLIN) != 0) {
+            early_reply = receive_reply(commands);
+        } else if (early_reply) {
+            // What is missing does not come; the reply is there all the same.
+            return *std::exchange(early_reply, std::nullopt);
+        } else {
+            return TimedOut{};
+        }
     }
-    if ((items[1].revents & ZMQ_POLLIN) != 0) {
-        return Reply{receive_reply(commands)};
-    }
-    return TimedOut{};
 }
 
 } // namespace cvex

@@ -2,6 +2,8 @@
 #define CVEX_CLIENT_H
 
 #include <chrono>
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <variant>
@@ -15,10 +17,6 @@ namespace cvex {
 /// No daemon serves the exchange of the run directory; the text says which directory and what to do.
 struct NoDaemon : std::runtime_error {
     using std::runtime_error::runtime_error;
-};
-
-struct Reply {
-    std::string payload;
 };
 
 struct TimedOut {};
@@ -35,14 +33,17 @@ public:
     /// Hands the command over; it is on its way even when the connection is closed at once.
     void send(const Command& command);
 
-    /// The next event, or TimedOut when none comes before `deadline`. What was published is told before a
-    /// reply that is there at the same time.
+    /// The next event, or TimedOut when none comes before `deadline`. What was published before a reply was
+    /// sent is told before the reply.
     Event wait(std::chrono::steady_clock::time_point deadline);
 
 private:
     zmq::context_t context;
     zmq::socket_t commands;
     zmq::socket_t published;
+    std::uint64_t last_seen = 0;
+    /// A reply that has overtaken what was published before it.
+    std::optional<Reply> early_reply;
 };
 
 } // namespace cvex

@@ -53,11 +53,23 @@ json parse(const std::string& text) {
     return json::parse(text, nullptr, false);
 }
 
-/// Tells a person the cloud requests of a registration as the daemon makes them.
+/// Tells a person what is published during a registration: the cloud requests as the daemon makes them, and
+/// the end.
 class StepPrinter {
 public:
-    void print(const std::string& progress_text) {
-        const json progress = parse(progress_text);
+    void print(const cvex::PublishedMessage& message) {
+        if (message.name == cvex::progress_message) {
+            print_request(parse(message.payload));
+        } else if (message.name == "cloud_registration_done") {
+            std::printf("published          %s %s\n", message.name.c_str(), message.payload.c_str());
+        }
+    }
+
+    /// What the last failed request failed of; empty when none failed.
+    std::string last_error;
+
+private:
+    void print_request(const json& progress) {
         const std::string method = text_member(progress, "method");
         const std::string error = text_member(progress, "error");
         if (text_member(progress, "event") == "sent") {
@@ -71,10 +83,6 @@ public:
         }
     }
 
-    /// What the last failed request failed of; empty when none failed.
-    std::string last_error;
-
-private:
     std::map<std::string, int> tries;
 };
 
@@ -105,14 +113,11 @@ std::string describe_failure(const std::string& command, const std::string& repl
     return text;
 }
 
-/// Sends the command and tells what happens until it is answered. A registration that succeeded is also
-/// published; for a person both are told.
-int converse(const CLI::App& app, const Options& options, const cvex::Command& command,
-             bool is_registration) {
+/// Sends the command and tells what happens until it is answered.
+int converse(const CLI::App& app, const Options& options, const cvex::Command& command, bool tell_steps) {
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                                std::chrono::duration<double>(options.timeout_seconds));
-    const bool tell_steps = is_registration && !options.as_json;
     cvex::Client client(options.run_directory);
     client.send(command);
     if (tell_steps) {
@@ -123,39 +128,31 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
     }
 
     StepPrinter steps;
-    bool published = false;
-    bool replied = false;
-    ExitCode outcome = exit_timed_out;
-    while (!replied || (tell_steps && outcome == exit_ok && !published)) {
+    for (;;) {
         const cvex::Event event = client.wait(deadline);
         if (std::holds_alternative<cvex::TimedOut>(event)) {
-            sandbox::print_problem(app,
-                                   std::string(replied ? "no \"cloud_registration_done\" was published"
-                                                       : "no reply to " + command.name + " came") +
-                                       " within the time-out: look at the daemon's log or raise --timeout");
+            sandbox::print_problem(
+                app, "no reply to " + command.name +
+                         " came within the time-out: look at the daemon's log or raise --timeout");
             return exit_timed_out;
         }
-        if (const auto* reply = std::get_if<cvex::Reply>(&event)) {
-            replied = true;
-            outcome = outcome_of(reply->payload);
-            if (tell_steps && outcome == exit_ok) {
-                std::printf("reply              %s\n", reply->payload.c_str());
-            } else if (!tell_steps) {
-                std::printf("%s\n", reply->payload.c_str());
-            } else {
-                sandbox::print_problem(
-                    app, describe_failure(command.name, reply->payload, outcome, steps.last_error));
+        if (const auto* message = std::get_if<cvex::PublishedMessage>(&event)) {
+            if (tell_steps) {
+                steps.print(*message);
             }
-        } else if (const auto& message = std::get<cvex::PublishedMessage>(event); tell_steps) {
-            if (message.name == cvex::progress_message) {
-                steps.print(message.payload);
-            } else if (message.name == "cloud_registration_done") {
-                published = true;
-                std::printf("published          %s %s\n", message.name.c_str(), message.payload.c_str());
-            }
+            continue;
         }
+        const std::string& reply = std::get<cvex::Reply>(event).payload;
+        const ExitCode outcome = outcome_of(reply);
+        if (!tell_steps) {
+            std::printf("%s\n", reply.c_str());
+        } else if (outcome == exit_ok) {
+            std::printf("reply              %s\n", reply.c_str());
+        } else {
+            sandbox::print_problem(app, describe_failure(command.name, reply, outcome, steps.last_error));
+        }
+        return outcome;
     }
-    return outcome;
 }
 
 int start(const CLI::App& app, const Options& options) {
@@ -164,12 +161,12 @@ int start(const CLI::App& app, const Options& options) {
         payload["register_mac_address"] = options.mac;
     }
     const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
-    return converse(app, options, {type, "start_cloud_registration", payload.dump()}, true);
+    return converse(app, options, {type, "start_cloud_registration", payload.dump()}, !options.as_json);
 }
 
 int retry(const CLI::App& app, const Options& options) {
     const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
-    return converse(app, options, {type, "retry_cloud_registration", ""}, true);
+    return converse(app, options, {type, "retry_cloud_registration", ""}, !options.as_json);
 }
 
 int send(const CLI::App& app, const Options& options) {

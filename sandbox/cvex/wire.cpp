@@ -35,6 +35,13 @@ std::vector<std::string> receive_frames(zmq::socket_t& socket) {
     return frames;
 }
 
+/// Of the daemon's own frames; 0 for what is no number.
+std::uint64_t to_number(const std::string& text) {
+    std::uint64_t number = 0;
+    std::from_chars(text.data(), text.data() + text.size(), number);
+    return number;
+}
+
 } // namespace
 
 std::string commands_endpoint(const std::string& run_directory) {
@@ -63,15 +70,16 @@ void send_command(zmq::socket_t& dealer, const Command& command) {
     send_frames(dealer, {command.name, std::to_string(command.type), command.payload});
 }
 
-std::string receive_reply(zmq::socket_t& dealer) {
-    const std::vector<std::string> frames = receive_frames(dealer);
-    return frames.empty() ? std::string() : frames.front();
+Reply receive_reply(zmq::socket_t& dealer) {
+    std::vector<std::string> frames = receive_frames(dealer);
+    frames.resize(2);
+    return {frames[0], to_number(frames[1])};
 }
 
 PublishedMessage receive_published(zmq::socket_t& subscriber) {
     std::vector<std::string> frames = receive_frames(subscriber);
-    frames.resize(2);
-    return {frames[0], frames[1]};
+    frames.resize(3);
+    return {frames[0], frames[1], to_number(frames[2])};
 }
 
 Command receive_command(zmq::socket_t& router, std::string& sender) {
@@ -97,12 +105,12 @@ Command receive_command(zmq::socket_t& router, std::string& sender) {
     return command;
 }
 
-void send_reply(zmq::socket_t& router, const std::string& receiver, const std::string& payload) {
-    send_frames(router, {receiver, payload});
+void send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply) {
+    send_frames(router, {receiver, reply.payload, std::to_string(reply.published_before)});
 }
 
 void publish(zmq::socket_t& publisher, const PublishedMessage& message) {
-    send_frames(publisher, {message.name, message.payload});
+    send_frames(publisher, {message.name, message.payload, std::to_string(message.number)});
 }
 
 } // namespace cvex

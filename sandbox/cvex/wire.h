@@ -36,9 +36,17 @@ struct Command {
     std::string payload;
 };
 
+/// What the daemon publishes is numbered from 1 on, and a reply tells the last number that was published
+/// before it: the two come over different sockets, and a receiver puts them in order again by these numbers.
 struct PublishedMessage {
     std::string name;
     std::string payload;
+    std::uint64_t number = 0;
+};
+
+struct Reply {
+    std::string payload;
+    std::uint64_t published_before = 0;
 };
 
 /// The endpoints of the exchange in a run directory, and the socket files behind them.
@@ -51,13 +59,13 @@ std::string socket_file(const std::string& endpoint);
 void check_run_directory(const std::string& run_directory);
 
 void send_command(zmq::socket_t& dealer, const Command& command);
-std::string receive_reply(zmq::socket_t& dealer);
+Reply receive_reply(zmq::socket_t& dealer);
 PublishedMessage receive_published(zmq::socket_t& subscriber);
 
 /// The daemon's side. `sender` is the address that a reply goes back to.
 /// Throws std::invalid_argument, with the reason, for frames that are no command; `sender` is set even then.
 Command receive_command(zmq::socket_t& router, std::string& sender);
-void send_reply(zmq::socket_t& router, const std::string& receiver, const std::string& payload);
+void send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply);
 void publish(zmq::socket_t& publisher, const PublishedMessage& message);
 
 } // namespace cvex

@@ -1,6 +1,7 @@
 """An appliance on a desk: starts the simulated cloud and the cloud daemon as processes in a private run directory,
 talks to them with cvex, and leaves nothing behind."""
 
+import contextlib
 import json
 import re
 import shutil
@@ -19,6 +20,39 @@ START_TIMEOUT = 30
 STOP_TIMEOUT = 30
 
 
+_STOP_SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+_held = 0
+_pending = None
+
+
+def exit_on_signals():
+    """Makes SIGINT, SIGTERM and SIGHUP end this program by SystemExit, so that its desk is cleared up."""
+    for number in _STOP_SIGNALS:
+        signal.signal(number, _leave)
+
+
+def _leave(number, _frame):
+    global _pending
+    if _held:
+        _pending = number
+    else:
+        raise SystemExit(128 + number)
+
+
+@contextlib.contextmanager
+def signals_held():
+    """Puts the SystemExit of a signal off to the end of the block: what is started in the block is also noted, and
+    what is stopped in it is stopped to the end."""
+    global _held
+    _held += 1
+    try:
+        yield
+    finally:
+        _held -= 1
+    if _pending and not _held:
+        raise SystemExit(128 + _pending)
+
+
 class DeskError(Exception):
     """Something of the desk does not work; the text is one line for a person."""
 
@@ -30,7 +64,9 @@ class Program:
     programs in order; the kernel kills it should the desk itself be killed.
     """
 
-    def __init__(self, command, on_line=None):
+    def __init__(self, command, on_line=None, watched=True):
+        """`on_line` is called with each line of the output, on another thread. A program that is not watched
+        writes to the output of the desk itself."""
         self.name = Path(command[0]).name
         self.lines = []
         self._on_line = on_line
@@ -38,10 +74,12 @@ class Program:
         self._ended = False
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "KILL", "--", *map(str, command)],
-            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE if watched else None,
+            stderr=subprocess.STDOUT if watched else None,
             encoding="utf-8", errors="replace", start_new_session=True)
-        self._reader = threading.Thread(target=self._read, daemon=True)
-        self._reader.start()
+        self._reader = threading.Thread(target=self._read, daemon=True) if watched else None
+        if watched:
+            self._reader.start()
 
     def _read(self):
         for line in self.process.stdout:
@@ -84,8 +122,9 @@ class Program:
             self.process.wait()
             raise DeskError(f"{self.name} did not end within {timeout} s and was killed") from None
         finally:
-            self._reader.join()
-            self.process.stdout.close()
+            if self._reader:
+                self._reader.join()
+                self.process.stdout.close()
         return self.process.returncode
 
     def stop(self):
@@ -114,19 +153,21 @@ class Desk:
         return self
 
     def __exit__(self, *_):
-        try:
-            for program in reversed(self._started):
-                if program.process.poll() is None:
-                    program.stop()
-        finally:
-            for program in self._started:
-                if program.process.poll() is None:
-                    program.process.kill()
-            shutil.rmtree(self.run_directory)
+        with signals_held():
+            try:
+                for program in reversed(self._started):
+                    if program.process.poll() is None:
+                        program.stop()
+            finally:
+                for program in self._started:
+                    if program.process.poll() is None:
+                        program.process.kill()
+                shutil.rmtree(self.run_directory)
 
-    def start(self, command):
-        program = Program(command, self._on_line)
-        self._started.append(program)
+    def start(self, command, watched=True):
+        with signals_held():
+            program = Program(command, self._on_line, watched)
+            self._started.append(program)
         return program
 
     def start_cloud(self, port=0, tokens=None):
@@ -170,12 +211,3 @@ class Desk:
 
 def programs_file_of(build_directory):
     return Path(build_directory) / "sandbox" / "programs.json"
-
-
-def exit_on_signals():
-    """Makes SIGTERM and SIGHUP unwind the program as an interrupt does, so that a desk is cleared up."""
-    def leave(number, _frame):
-        raise SystemExit(128 + number)
-
-    for number in (signal.SIGTERM, signal.SIGHUP):
-        signal.signal(number, leave)

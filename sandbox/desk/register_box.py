@@ -1,7 +1,6 @@
 """Registers the box once: starts a desk, runs cvex start, shows the steps and stops everything again."""
 
 import argparse
-import subprocess
 import sys
 
 import desk
@@ -33,7 +32,7 @@ def register(arguments):
         command = appliance.cvex_command("start", "--token", token, "--token-type", arguments.token_type)
         if arguments.mac:
             command += ["--mac", arguments.mac]
-        return subprocess.run(command, check=False).returncode
+        return appliance.start(command, watched=False).process.wait()
 
 
 def main():
@@ -44,8 +43,6 @@ def main():
     except desk.DeskError as error:
         print(f"./run: {error}", file=sys.stderr)
         return 1
-    except KeyboardInterrupt:
-        return 130
 
 
 if __name__ == "__main__":
