@@ -1,0 +1,32 @@
+#ifndef SCENARIOS_H
+#define SCENARIOS_H
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "rules.h"
+
+/// Commands, and the answers to the requests that they cause. When the answers run out the cloud is kind.
+struct Scenario {
+    std::string name;
+    std::vector<Command> commands;
+    std::deque<Answer> login_answers;
+    std::deque<Answer> box_answers;
+    bool answers_inside = false;
+};
+
+std::vector<Scenario> scenarios();
+
+/// The cloud's good answers.
+Answer good_login();
+Answer good_box();
+
+/// A valid start and a retry.
+Command start(bool partner, unsigned long long request_id, int type = 2);
+Command retry(unsigned long long request_id, int type = 2);
+
+/// Delivers a command as the daemon does: the payload without a NUL behind it, and gone after the call.
+void deliver(const Command& command);
+
+#endif

@@ -1,0 +1,298 @@
+// Whole registrations with a failing call: of every kind, with every plausible result, the nth one alone and
+// all from the nth on, for every n until there are no more calls. After each: what the rules say, nothing
+// lost, nothing released twice, and the next registration succeeds where the failure allows it.
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "cvcloudregisterhandler.h"
+#include "cvregistration_globals.h"
+#include "cvregistration_state_machine.h"
+#include "rules.h"
+#include "scenarios.h"
+#include "underneath.h"
+
+using underneath::Call;
+using underneath::die;
+using underneath::Fault;
+using underneath::Inside;
+
+namespace {
+
+// Calls that fail "for ever" and that the module answers by calling again: a worker that spins is what the
+// rules say, and after this many it is enough.
+constexpr int kBurst = 50;
+constexpr int kForever = 1 << 30;
+
+struct FaultKind {
+    const char* name;
+    Call call;
+    int result;
+    int error;
+    int all = kForever;
+};
+
+const FaultKind kFaultKinds[] = {
+    {"operator new", Call::new_nothrow, 0, 0},
+    {"jansson's malloc", Call::json_malloc, 0, 0},
+    {"json_object", Call::json_object, 0, 0},
+    {"json_dumps", Call::json_dumps, 0, 0},
+    {"build_request", Call::build_request, 0, 0},
+    {"send_request", Call::send_request, 1, 0},
+    {"send_request", Call::send_request, -1, 0},
+    {"publish_message", Call::publish_message, 1, 0},
+    {"publish_message", Call::publish_message, -1, 0},
+    {"send_response", Call::send_response, -1, 0},
+    {"pipe2", Call::pipe2, -1, EMFILE},
+    {"pipe2", Call::pipe2, -1, ENFILE},
+    {"pipe2", Call::pipe2, -1, ENOMEM},
+    {"poll", Call::poll, 0, 0},
+    {"poll", Call::poll, -1, EINTR},
+    {"poll", Call::poll, -1, ENOMEM},
+    {"poll", Call::poll, -1, EINVAL},
+    {"select", Call::select, -1, EINTR, kBurst},
+    {"select", Call::select, -1, EBADF},
+    {"select", Call::select, -1, EINVAL},
+    {"select", Call::select, -1, ENOMEM},
+    {"read", Call::read, 0, 0, kBurst},
+    {"read", Call::read, -1, EAGAIN, kBurst},
+    {"read", Call::read, -1, EINTR, kBurst},
+    {"read", Call::read, -1, EIO, kBurst},
+    {"write", Call::write, 0, 0},
+    {"write", Call::write, -1, EAGAIN},
+    {"write", Call::write, -1, EINTR},
+    {"write", Call::write, -1, EPIPE},
+    {"close", Call::close, -1, EINTR},
+    {"close", Call::close, -1, EIO},
+    {"thread creation", Call::thread_start, -1, EAGAIN},
+    {"thread creation", Call::thread_start, -1, EPERM},
+};
+
+std::set<std::string> open_descriptors() {
+    std::set<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir("/proc/self/fd"), closedir);
+    while (const dirent* entry = readdir(stream.get())) {
+        names.insert(entry->d_name);
+    }
+    return names;
+}
+
+// A pipe that was never opened counts descriptor 0 as its write end, so the module closes it.
+void reopen_descriptor_zero() {
+    if (fcntl(0, F_GETFD) == -1 && open("/dev/null", O_RDONLY) != 0) {
+        die("descriptor 0 cannot be opened");
+    }
+}
+
+class Box {
+public:
+    explicit Box(const Scenario& played) : scenario(played), rules(host) {
+        host.partner_id = "the partner's identifier";
+        host.answers_inside = scenario.answers_inside;
+        host.choose = [this](const std::string& service) {
+            std::deque<Answer>& answers =
+                service == "connect/login" ? scenario.login_answers : scenario.box_answers;
+            Answer answer = service == "connect/login" ? good_login() : good_box();
+            if (!answers.empty()) {
+                answer = answers.front();
+                answers.pop_front();
+            }
+            return answer;
+        };
+    }
+
+    void init() {
+        std::vector<std::string> commands;
+        int result = 0;
+        bool threw = false;
+        try {
+            const Inside module;
+            result = g_handler_api.init(&host, commands);
+        } catch (const std::system_error&) {
+            threw = true;
+        }
+        rules.init(result, threw);
+        if (rules.ready) {
+            underneath::await_idle_worker();
+        }
+    }
+
+    void play() {
+        for (const Command& command : scenario.commands) {
+            do_command(command);
+        }
+    }
+
+    void do_command(const Command& command) {
+        if (!rules.ready) {
+            return;
+        }
+        deliver(command);
+        underneath::await_idle_worker();
+        rules.command(command);
+        compare();
+        while (!command.hold && host.answer()) {
+            underneath::await_idle_worker();
+            rules.answer();
+            compare();
+        }
+    }
+
+    // Kind answers and no more faults: a failed registration is resumed, and another one follows.
+    void recover() {
+        scenario.login_answers.clear();
+        scenario.box_answers.clear();
+        if (rules.has_failed) {
+            do_command(retry(90));
+        }
+        do_command(start(true, 91));
+        do_command(start(false, 92));
+    }
+
+    void uninit() {
+        {
+            const Inside module;
+            g_handler_api.uninit();
+        }
+        underneath::join_rescuer();
+        rules.uninit();
+        host.drop_outstanding();
+        if (g_registration_handler != nullptr) {
+            die("uninit() left the registration object");
+        }
+    }
+
+    int dones() const {
+        return rules.dones;
+    }
+    bool is_ready() const {
+        return rules.ready;
+    }
+    bool lost_a_wake_up_or_the_worker() const {
+        return rules.dropped_wake_ups > 0 || rules.worker_ended;
+    }
+    std::size_t lent_responses() const {
+        return host.lent_responses();
+    }
+
+private:
+    void compare() {
+        if (g_registration_handler->registration_in_progress != rules.in_progress) {
+            die(rules.in_progress ? "the registration should be in progress"
+                                  : "the registration should not be in progress");
+        }
+        if (host.user_token != rules.user_token || host.device_id != rules.device_id) {
+            die("the daemon's token or device identity is not what the rules say");
+        }
+    }
+
+    Scenario scenario;
+    TracedHost host;
+    Rules rules;
+};
+
+void expect(bool condition, const std::string& message) {
+    if (!condition) {
+        die(message);
+    }
+}
+
+void expect_clean(const Box& box, const std::set<std::string>& descriptors) {
+    reopen_descriptor_zero();
+    expect(underneath::unreleased() == 0,
+           std::to_string(underneath::unreleased()) + " blocks, texts or JSON values are left");
+    expect(box.lent_responses() == 0, "a response was not given back");
+    expect(open_descriptors() == descriptors, "the open descriptors are not what they were");
+}
+
+// Both plays of a scenario with one fault; how often it struck.
+int torture(const Scenario& scenario, const Fault& fault, const std::set<std::string>& descriptors) {
+    int fired = 0;
+    {
+        // The fault lasts beyond uninit(), and the next init() finds everything in order.
+        Box box(scenario);
+        underneath::order(fault);
+        box.init();
+        box.play();
+        box.uninit();
+        fired = underneath::fired();
+        underneath::order();
+        expect_clean(box, descriptors);
+        const int before = box.dones();
+        box.init();
+        box.recover();
+        expect(box.dones() == before + 2, "no registration succeeds after another init()");
+        box.uninit();
+        expect_clean(box, descriptors);
+    }
+    {
+        // The fault goes by, and the same worker goes on.
+        Box box(scenario);
+        underneath::order(fault);
+        box.init();
+        box.play();
+        underneath::order();
+        const int before = box.dones();
+        box.recover();
+        // A wake-up that was dropped is never made up for, and a worker that ended stays ended.
+        expect(!box.is_ready() || box.lost_a_wake_up_or_the_worker() || box.dones() >= before + 2,
+               "no registration succeeds after the failure");
+        box.uninit();
+        expect_clean(box, descriptors);
+    }
+    return fired;
+}
+
+void out_of_time(int /*signal*/) {
+    // What await_idle_worker() does not see: the daemon's thread waits for ever.
+    constexpr char kMessage[] = "torture: a call into the module does not return\n";
+    [[maybe_unused]] const ssize_t written = write(2, kMessage, sizeof kMessage - 1);
+    die("hangs");
+}
+
+} // namespace
+
+int main() {
+    underneath::mark_thread(underneath::Role::host);
+    std::signal(SIGALRM, out_of_time);
+    reopen_descriptor_zero();
+    const std::set<std::string> descriptors = open_descriptors();
+    int points = 0;
+    int runs = 0;
+    for (const Scenario& scenario : scenarios()) {
+        underneath::describe(scenario.name + ", without a fault");
+        torture(scenario, {}, descriptors);
+        for (const FaultKind& kind : kFaultKinds) {
+            for (const int count : {1, kind.all}) {
+                int first = 0;
+                int fired = 0;
+                do {
+                    ++first;
+                    underneath::describe(scenario.name + ", " + kind.name + " returns " +
+                                         std::to_string(kind.result) + " (" + std::strerror(kind.error) +
+                                         ") at call " + std::to_string(first) +
+                                         (count == 1 ? "" : " and all after it"));
+                    alarm(60);
+                    fired =
+                        torture(scenario, {kind.call, kind.result, kind.error, first, count}, descriptors);
+                    points += fired > 0 ? 1 : 0;
+                    ++runs;
+                } while (fired > 0);
+            }
+        }
+    }
+    std::printf("torture: %d failure points in %zu scenarios, %d runs: all as the rules say, nothing lost\n",
+                points, scenarios().size(), 2 * runs);
+    return 0;
+}
