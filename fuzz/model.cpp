@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <initializer_list>
 #include <optional>
+#include <tuple>
 
 namespace fuzz {
 
@@ -54,6 +55,17 @@ std::string upper_case(std::string text) {
 }
 
 } // namespace
+
+bool operator==(const Snapshot& one, const Snapshot& other) {
+    const auto members = [](const Snapshot& snapshot) {
+        const auto& [state, in_progress, login, box, first_method, token, mac, error_response, request_id,
+                     reply_requested, user_token, device_id, wake_ups] = snapshot;
+        return std::tie(state, in_progress, login.tries_left, login.succeeded, login.value, box.tries_left,
+                        box.succeeded, box.value, first_method, token, mac, error_response, request_id,
+                        reply_requested, user_token, device_id, wake_ups);
+    };
+    return members(one) == members(other);
+}
 
 std::string describe(const Snapshot& snapshot) {
     const auto step = [](const Snapshot::Step& progress) {

@@ -47,7 +47,9 @@ struct Snapshot {
     int wake_ups = 0;
 };
 
-/// The snapshot in readable lines. Equal snapshots, and only they, have equal texts.
+bool operator==(const Snapshot& one, const Snapshot& other);
+
+/// The snapshot in readable lines.
 std::string describe(const Snapshot& snapshot);
 
 /// What the module has to do, told a second time: no threads, no pipes, no code of the module. Whoever drives

@@ -188,7 +188,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         unfit = static_cast<std::uint8_t>(unfit >> 1);
     }
     SequenceHost host(input);
-    fuzz::Bench bench(settings, 3 - (texts >> 4) % 5, host);
+    fuzz::Bench bench(settings, (texts >> 4) % 5 - 1, host);
     do {
         bench.live();
     } while (!input.empty());
