@@ -166,10 +166,13 @@ void CloudAccess::run() {
 }
 
 void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
+    // A handler may send a text of its own making; it goes out all the same, without a name.
     const ordered_json request = ordered_json::parse(transfer->request, nullptr, false);
-    if (request.is_object()) {
-        transfer->method = request.value("method", "");
-        transfer->number = request.value("id", std::uint64_t{0});
+    if (request.is_object() && request.contains("method") && request["method"].is_string()) {
+        transfer->method = request["method"];
+    }
+    if (request.is_object() && request.contains("id") && request["id"].is_number_unsigned()) {
+        transfer->number = request["id"];
     }
     transfer->url = without_trailing_slash(options.url) + "/" + transfer->service;
     transfer->response_limit = options.response_limit;
@@ -193,7 +196,10 @@ void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::receive);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer->error.data());
-    curl_multi_add_handle(multi.get(), handle);
+    if (const CURLMcode result = curl_multi_add_handle(multi.get(), handle); result != CURLM_OK) {
+        end(*transfer, CURLE_FAILED_INIT, curl_multi_strerror(result));
+        return;
+    }
     active.emplace(handle, std::move(transfer));
 }
 

@@ -42,11 +42,13 @@ struct Options {
     bool no_reply = false;
 };
 
+/// The text of a member; empty when the document has no such text.
 std::string text_member(const json& document, const char* key) {
-    const auto member = document.is_object() ? document.find(key) : document.end();
-    return document.is_object() && member != document.end() && member->is_string()
-               ? member->get<std::string>()
-               : std::string();
+    if (!document.is_object()) {
+        return {};
+    }
+    const auto member = document.find(key);
+    return member != document.end() && member->is_string() ? member->get<std::string>() : std::string();
 }
 
 json parse(const std::string& text) {
@@ -65,7 +67,7 @@ public:
         }
     }
 
-    /// What the last failed request failed of; empty when none failed.
+    /// What the last request failed of; empty when the cloud answered it.
     std::string last_error;
 
 private:
@@ -75,10 +77,9 @@ private:
         if (text_member(progress, "event") == "sent") {
             std::printf("%-18s try %d sent to %s\n", method.c_str(), ++tries[method],
                         text_member(progress, "service").c_str());
-        } else if (error.empty()) {
-            std::printf("%-18s try %d answered\n", method.c_str(), tries[method]);
         } else {
-            std::printf("%-18s try %d failed: %s\n", method.c_str(), tries[method], error.c_str());
+            std::printf("%-18s try %d %s%s\n", method.c_str(), tries[method],
+                        error.empty() ? "answered" : "failed: ", error.c_str());
             last_error = error;
         }
     }
