@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <nlohmann/json.hpp>
+#include <pthread.h>
 
 #include "cvcloudd/log_line.h"
 #include "cvex/wire.h"
@@ -82,9 +83,10 @@ struct CloudAccess::Transfer {
     }
 };
 
-CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_exchange)
-    : options(std::move(access_options)), exchange(message_exchange), multi(curl_multi_init()),
-      json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
+CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_exchange,
+                         Recorder& boundary_recorder)
+    : options(std::move(access_options)), exchange(message_exchange), recorder(boundary_recorder),
+      multi(curl_multi_init()), json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
     check_url(options.url);
     partner_id = options.partner_id;
     curl_multi_setopt(multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connection_limit);
@@ -109,7 +111,12 @@ int CloudAccess::send_request(const char* request, const char* service, cvtessel
     transfer->service = service;
     transfer->callback = callback;
     transfer->user_data = user_data;
-    return submitted.put(std::move(transfer)) ? 0 : 1;
+    recorder.request(service, request);
+    if (!submitted.put(std::move(transfer))) {
+        recorder.request_refused(request);
+        return 1;
+    }
+    return 0;
 }
 
 void CloudAccess::release_response(cvtessel_response* response) {
@@ -124,6 +131,7 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
     }
     if (!members.is_object()) {
         log_line(1, std::string("the parameters of ") + method + " are not a JSON object");
+        recorder.build_refused(method);
         return nullptr;
     }
     // The members are read on the handler's thread only: it is the one that knows when it has written them.
@@ -131,13 +139,20 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
         members["user_token"] = user_token;
         members["device_id"] = device_id;
     }
-    const ordered_json request{
-        {"jsonrpc", "2.0"}, {"id", ++last_request_number}, {"method", method}, {"params", members}};
+    const std::uint64_t number = ++last_request_number;
+    recorder.build(number, method, std::string_view(params, params_len), add_connect_fields);
+    const ordered_json request{{"jsonrpc", "2.0"}, {"id", number}, {"method", method}, {"params", members}};
     return strdup(request.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
 }
 
 int CloudAccess::publish_message(const char* name, const void* data, unsigned int length) {
-    return exchange.publish(name, std::string(static_cast<const char*>(data), length)) ? 0 : 1;
+    const std::string payload(static_cast<const char*>(data), length);
+    recorder.publish(name, payload);
+    if (!exchange.publish(name, payload)) {
+        recorder.publish_refused(name);
+        return 1;
+    }
+    return 0;
 }
 
 int CloudAccess::daemon_operation() {
@@ -145,10 +160,17 @@ int CloudAccess::daemon_operation() {
 }
 
 int CloudAccess::send_response(const Message* reply) {
-    return exchange.reply(reply->request_id, std::string(reply->payload, reply->payload_len)) ? 0 : 1;
+    const std::string payload(reply->payload, reply->payload_len);
+    recorder.reply(reply->request_id, payload);
+    if (!exchange.reply(reply->request_id, payload)) {
+        recorder.reply_refused(reply->request_id);
+        return 1;
+    }
+    return 0;
 }
 
 void CloudAccess::run() {
+    pthread_setname_np(pthread_self(), "callback");
     for (;;) {
         while (auto transfer = submitted.take()) {
             begin(std::move(*transfer));
@@ -244,6 +266,8 @@ void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::strin
         log_line(1, "request " + std::to_string(transfer.number) + " failed: " + transfer.failure);
     }
     publish_progress("ended", transfer);
+    recorder.response(transfer.number, transfer.service, transfer.method, status, transfer.failure,
+                      transfer.response);
     transfer.callback(new OwnedResponse(status, std::move(transfer.response)), transfer.user_data);
 }
 

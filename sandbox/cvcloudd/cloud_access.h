@@ -14,6 +14,7 @@
 #include "cvcloud/cvcloud_api.h"
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/mailbox.h"
+#include "cvcloudd/recorder.h"
 
 namespace cvcloudd {
 
@@ -49,8 +50,8 @@ struct CloudAccessOptions {
 /// inside send_request().
 class CloudAccess final : public CvCloudAPI {
 public:
-    /// Throws std::runtime_error when the URL cannot be used. `exchange` outlives the object.
-    CloudAccess(CloudAccessOptions options, Exchange& exchange);
+    /// Throws std::runtime_error when the URL cannot be used. `exchange` and `recorder` outlive the object.
+    CloudAccess(CloudAccessOptions options, Exchange& exchange, Recorder& recorder);
     ~CloudAccess();
     CloudAccess(const CloudAccess&) = delete;
     CloudAccess& operator=(const CloudAccess&) = delete;
@@ -80,6 +81,7 @@ private:
 
     const CloudAccessOptions options;
     Exchange& exchange;
+    Recorder& recorder;
     std::atomic<std::uint64_t> last_request_number = 0;
     Mailbox<std::unique_ptr<Transfer>> submitted;
     std::unique_ptr<CURLM, Releaser<curl_multi_cleanup>> multi;

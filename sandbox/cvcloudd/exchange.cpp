@@ -8,6 +8,7 @@
 
 #include <fcntl.h>
 #include <nlohmann/json.hpp>
+#include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
 
@@ -89,6 +90,7 @@ bool Exchange::publish(std::string name, std::string payload) {
 }
 
 void Exchange::run() {
+    pthread_setname_np(pthread_self(), "exchange");
     while (!outgoing.finished()) {
         std::array<zmq::pollitem_t, 3> items{{{router.handle(), 0, ZMQ_POLLIN, 0},
                                               {publisher.handle(), 0, ZMQ_POLLIN, 0},

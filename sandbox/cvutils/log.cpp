@@ -8,14 +8,27 @@
 #include <ctime>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <unistd.h>
+
+#include "cvutils_control.h"
 
 namespace cv {
 
 namespace log {
 
 int current_level = 2;
+
+namespace {
+
+Listener current_listener;
+
+} // namespace
+
+void set_listener(Listener listener) {
+    current_listener = std::move(listener);
+}
 
 void print(int /*destination*/, int level, const char* line) {
     static constexpr std::array names{"error", "warning", "info", "detail"};
@@ -32,6 +45,9 @@ void print(int /*destination*/, int level, const char* line) {
     // One write for each line keeps the lines of different threads apart. A log that nobody can read any more
     // is no reason for the process to fail.
     [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());
+    if (current_listener) {
+        current_listener(level, line);
+    }
 }
 
 } // namespace log

@@ -1,7 +1,18 @@
 #ifndef CVUTILS_CONTROL_H
 #define CVUTILS_CONTROL_H
 
+#include <functional>
 #include <string>
+
+namespace cv::log {
+
+/// Receives every line that the process logs, as it is logged, on the thread that logs it.
+using Listener = std::function<void(int level, const char* line)>;
+
+/// Tells `listener` each line from now on; an empty one ends it. Called while no other thread logs.
+void set_listener(Listener listener);
+
+} // namespace cv::log
 
 namespace cv::setMgmt {
 
