@@ -150,7 +150,8 @@ void FakeCloudApi::release_response(cvtessel_response* response) {
 
 char* FakeCloudApi::build_request(const char* method, const char* params, unsigned int params_len,
                                   bool add_connect_fields) {
-    const std::string params_text = params_len == 0 ? "(none)" : std::string(params, params_len);
+    const std::string params_text =
+        params_len == 0 ? std::string("(none)") + params : std::string(params, params_len);
     std::string text = std::string(method) + " " + params_text;
     if (add_connect_fields) {
         text += " fields=yes user_token=" + user_token + " device_id=" + device_id;
