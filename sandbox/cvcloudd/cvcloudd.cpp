@@ -20,7 +20,6 @@
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/handler_library.h"
 #include "cvcloudd/log_line.h"
-#include "cvcloudd/recorder.h"
 #include "cvutils_control.h"
 
 namespace cvcloudd {
@@ -31,7 +30,6 @@ struct Options {
     std::string run_directory;
     std::vector<std::string> handlers;
     std::string settings_file;
-    std::string record_file;
     double request_timeout_seconds = 10;
     int log_level = 2;
     CloudAccessOptions cloud;
@@ -100,8 +98,7 @@ private:
     std::map<std::string, HandlerLibrary*> subscribers;
 };
 
-void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
-             Recorder& recorder) {
+void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange) {
     const cvex::Command& command = received.command;
     HandlerLibrary* const handler = handlers.subscriber(command.name);
     if (handler == nullptr) {
@@ -116,12 +113,11 @@ void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange
     message.request_id = received.request_id;
     message.payload_len = static_cast<std::uint32_t>(command.payload.size());
     message.payload = command.payload.data();
-    recorder.command(message);
     handler->handle(message);
 }
 
 /// The dispatch thread: one command at a time, until a stop signal.
-void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange, Recorder& recorder) {
+void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange) {
     for (;;) {
         pollfd descriptors[] = {{stop.fd(), POLLIN, 0}, {exchange.commands().fd(), POLLIN, 0}};
         if (poll(descriptors, 2, -1) == -1 && errno != EINTR) {
@@ -131,7 +127,7 @@ void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchan
             return;
         }
         if (const auto received = exchange.commands().take()) {
-            deliver(*received, handlers, exchange, recorder);
+            deliver(*received, handlers, exchange);
         }
     }
 }
@@ -145,16 +141,15 @@ void serve(const Options& options) {
         }
     }
 
-    Recorder recorder(options.record_file);
     Exchange exchange(options.run_directory);
-    CloudAccess cloud(options.cloud, exchange, recorder);
+    CloudAccess cloud(options.cloud, exchange);
     Handlers handlers;
     for (const std::string& path : options.handlers) {
         handlers.load(path, cloud);
     }
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
-    dispatch(stop, handlers, exchange, recorder);
+    dispatch(stop, handlers, exchange);
 
     // A handler is destroyed only when neither a command nor a callback can reach it any more. What it
     // replies while it ends is still sent: the exchange goes last.
@@ -198,11 +193,6 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0.001, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
-    app.add_option(
-           "--record", options.record_file,
-           "Keep a record of what crosses the handlers' boundary in this file, which is replaced; cvex "
-           "timeline draws it [default: none]")
-        ->type_name("FILE");
     app.add_option("--log-level", options.log_level,
                    "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
         ->check(CLI::Range(0, 3).description(""))
@@ -214,6 +204,8 @@ int main(int argc, char** argv) {
     options.cloud.request_timeout = std::chrono::ceil<std::chrono::milliseconds>(
         std::chrono::duration<double>(options.request_timeout_seconds));
     __atomic_store_n(&cv::log::current_level, options.log_level, __ATOMIC_RELAXED);
+    // A log whose reader has gone must not end the daemon.
+    std::signal(SIGPIPE, SIG_IGN);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     int exit_code = 0;
     try {

@@ -1,6 +1,8 @@
 """What the daemon owes to any handler that it loads."""
 
 import json
+import os
+import subprocess
 
 
 def test_each_accepted_request_is_called_back_once(appliance, handlers):
@@ -30,6 +32,22 @@ def test_a_handler_may_subscribe_later_than_in_init(appliance, handlers):
     appliance.start_cloud()
     appliance.start_daemon(handler=handlers["probe"])
     assert appliance.cvex("send", "probe_late_subscription").returncode == 0
+
+
+def test_a_log_that_nobody_reads_does_not_end_the_daemon(appliance):
+    appliance.start_cloud()
+    appliance.write_settings({})
+    unread, log = os.pipe()
+    os.close(unread)
+    with subprocess.Popen(appliance.daemon_command("--log-level", "3"), stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=log) as daemon:
+        os.close(log)
+        try:
+            assert daemon.stdout.readline() == b"cvcloudd: ready\n"
+            appliance.register()
+        finally:
+            daemon.terminate()
+    assert daemon.returncode == 0
 
 
 def test_a_request_ends_at_its_time_out(appliance, silent_cloud):
