@@ -20,6 +20,7 @@
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/handler_library.h"
 #include "cvcloudd/log_line.h"
+#include "cvcloudd/recorder.h"
 #include "cvutils_control.h"
 
 namespace cvcloudd {
@@ -30,6 +31,7 @@ struct Options {
     std::string run_directory;
     std::vector<std::string> handlers;
     std::string settings_file;
+    std::string record_file;
     double request_timeout_seconds = 10;
     int log_level = 2;
     CloudAccessOptions cloud;
@@ -98,7 +100,8 @@ private:
     std::map<std::string, HandlerLibrary*> subscribers;
 };
 
-void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange) {
+void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
+             Recorder& recorder) {
     const cvex::Command& command = received.command;
     HandlerLibrary* const handler = handlers.subscriber(command.name);
     if (handler == nullptr) {
@@ -113,11 +116,12 @@ void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange
     message.request_id = received.request_id;
     message.payload_len = static_cast<std::uint32_t>(command.payload.size());
     message.payload = command.payload.data();
+    recorder.command(message);
     handler->handle(message);
 }
 
 /// The dispatch thread: one command at a time, until a stop signal.
-void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange) {
+void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange, Recorder& recorder) {
     for (;;) {
         pollfd descriptors[] = {{stop.fd(), POLLIN, 0}, {exchange.commands().fd(), POLLIN, 0}};
         if (poll(descriptors, 2, -1) == -1 && errno != EINTR) {
@@ -127,7 +131,7 @@ void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchan
             return;
         }
         if (const auto received = exchange.commands().take()) {
-            deliver(*received, handlers, exchange);
+            deliver(*received, handlers, exchange, recorder);
         }
     }
 }
@@ -141,15 +145,16 @@ void serve(const Options& options) {
         }
     }
 
+    Recorder recorder(options.record_file);
     Exchange exchange(options.run_directory);
-    CloudAccess cloud(options.cloud, exchange);
+    CloudAccess cloud(options.cloud, exchange, recorder);
     Handlers handlers;
     for (const std::string& path : options.handlers) {
         handlers.load(path, cloud);
     }
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
-    dispatch(stop, handlers, exchange);
+    dispatch(stop, handlers, exchange, recorder);
 
     // A handler is destroyed only when neither a command nor a callback can reach it any more. What it
     // replies while it ends is still sent: the exchange goes last.
@@ -193,6 +198,11 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0.001, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
+    app.add_option(
+           "--record", options.record_file,
+           "Keep a record of what crosses the handlers' boundary in this file, which is replaced; cvex "
+           "timeline draws it [default: none]")
+        ->type_name("FILE");
     app.add_option("--log-level", options.log_level,
                    "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
         ->check(CLI::Range(0, 3).description(""))
