@@ -92,6 +92,15 @@ std::vector<Scenario> scenarios() {
          {no_json, step_failure(R"({"result": {"user_token": 5}})", "invalid user_token in response"), empty,
           good_login()},
          {bad_status(), step_failure(R"({"error": {"message": 5}})", "device_id not found")}});
+    list.push_back(
+        {"both failing at once, then retried",
+         {start(true, 1), retry(2), retry(3)},
+         {bad_status(), step_failure("{}", "user_token not found in response"), no_json, full, good_login()},
+         {empty, step_failure("{}", "device_id not found")},
+         true});
+    // One try is spent on each of the first two failures, and the retry runs into the third.
+    list.push_back(
+        {"daemon failing, then retried", {start(true, 1), retry(2), retry(3)}, {}, {}, false, 1, 1, 1});
     list.push_back({"refused",
                     {make_command("an unknown command", "", 1), refused("{", "any", 2),
                      refused(R"({"token": "", "token_type": "partner"})", "empty token", 3),

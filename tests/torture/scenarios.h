@@ -14,6 +14,10 @@ struct Scenario {
     std::deque<Answer> login_answers;
     std::deque<Answer> box_answers;
     bool answers_inside = false;
+    /// How many of the daemon's first operations fail.
+    int failing_builds = 0;
+    int failing_sends = 0;
+    int failing_publishes = 0;
 };
 
 std::vector<Scenario> scenarios();

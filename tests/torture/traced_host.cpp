@@ -17,11 +17,16 @@ using underneath::Call;
 using underneath::Inside;
 using underneath::Outside;
 
+static bool take(int& failing) {
+    return failing > 0 && failing-- > 0;
+}
+
 int TracedHost::send_request(const char* /*request*/, const char* service, cvtessel_callback callback,
                              void* user_data) {
-    const bool refused = underneath::fails(Call::send_request);
+    const bool refused_on_order = underneath::fails(Call::send_request);
+    const bool refused = take(failing_sends) || refused_on_order;
     const Outside host;
-    const int result = refused ? underneath::ordered_result() : 0;
+    const int result = refused_on_order ? underneath::ordered_result() : refused ? 1 : 0;
     const Outstanding request = {service, callback, user_data};
     if (!refused && !answers_inside) {
         const std::lock_guard<std::mutex> lock(mutex);
@@ -103,7 +108,7 @@ void TracedHost::release_response(cvtessel_response* response) {
 
 char* TracedHost::build_request(const char* method, const char* params, unsigned int params_len,
                                 bool add_connect_fields) {
-    const bool failed = underneath::fails(Call::build_request);
+    const bool failed = take(failing_builds) || underneath::fails(Call::build_request);
     const Outside host;
     std::string text = std::string(method) + " " + std::string(params, params_len);
     text += add_connect_fields ? " " + user_token + " " + device_id : " without fields";
@@ -112,7 +117,9 @@ char* TracedHost::build_request(const char* method, const char* params, unsigned
 }
 
 int TracedHost::publish_message(const char* name, const void* data, unsigned int length) {
-    const int result = underneath::fails(Call::publish_message) ? underneath::ordered_result() : 0;
+    const bool failed_on_order = underneath::fails(Call::publish_message);
+    const bool failed = take(failing_publishes);
+    const int result = failed_on_order ? underneath::ordered_result() : failed ? 1 : 0;
     const Outside host;
     underneath::record(
         {std::string("publish ") + name + " " + std::string(static_cast<const char*>(data), length), result});

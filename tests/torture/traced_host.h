@@ -36,6 +36,10 @@ public:
     std::function<Answer(const std::string& service)> choose;
     /// The answer comes before send_request() returns.
     bool answers_inside = false;
+    /// How many of the next calls fail, beside the fault on order.
+    int failing_builds = 0;
+    int failing_sends = 0;
+    int failing_publishes = 0;
 
     /// Answers the outstanding request on a thread of its own, which is joined. False when there is none.
     /// When the callback throws, `callback_threw` is set.
