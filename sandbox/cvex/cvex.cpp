@@ -1,14 +1,18 @@
 #include <chrono>
+#include <clocale>
 #include <cstdio>
 #include <exception>
+#include <fstream>
 #include <map>
 #include <set>
 #include <string>
 
+#include <langinfo.h>
 #include <nlohmann/json.hpp>
 
 #include "common/command_line.h"
 #include "cvex/client.h"
+#include "cvex/timeline.h"
 
 namespace {
 
@@ -25,7 +29,7 @@ enum ExitCode : int {
 constexpr const char* footer = R"(Exit codes:
   0  the command succeeded: the reply's "result" is "ok", or no reply was asked for
   1  it was accepted and failed; what stopped it is in the reply's "reason"
-  2  the command line is wrong
+  2  the command line is wrong, or a file that it names cannot be used
   3  it was refused: bad arguments, a registration in progress, nothing to retry, unknown command
   4  no reply came within --timeout
   5  no daemon serves the run directory)";
@@ -37,9 +41,12 @@ struct Options {
     std::string mac;
     std::string name;
     std::string payload;
+    std::string record_file;
+    std::string page_file;
     double timeout_seconds = 60;
     bool as_json = false;
     bool no_reply = false;
+    bool with_log = false;
 };
 
 /// The text of a member; empty when the document has no such text.
@@ -193,6 +200,29 @@ int listen(const Options& options) {
     }
 }
 
+int draw_timeline(const CLI::App& app, const Options& options) {
+    try {
+        const cvex::Timeline timeline = cvex::make_timeline(cvex::read_record(options.record_file));
+        if (options.page_file.empty()) {
+            std::setlocale(LC_CTYPE, "");
+            const bool utf8 = std::string(nl_langinfo(CODESET)) == "UTF-8";
+            std::fputs(cvex::timeline_text(timeline, utf8, options.with_log).c_str(), stdout);
+            return exit_ok;
+        }
+        std::ofstream page(options.page_file);
+        page << cvex::timeline_page(timeline);
+        page.close();
+        if (page) {
+            return exit_ok;
+        }
+        sandbox::print_problem(app, "cannot write the page " + options.page_file +
+                                        "; --html names a file that this user may write");
+    } catch (const cvex::RecordError& error) {
+        sandbox::print_problem(app, error.what());
+    }
+    return sandbox::exit_usage;
+}
+
 void add_reply_options(CLI::App& command, Options& options) {
     command.add_option("--timeout", options.timeout_seconds, "How long to wait for the reply")
         ->check(CLI::Range(0.0, 86400.0).description(""))
@@ -213,10 +243,11 @@ int main(int argc, char** argv) {
     app.footer(footer);
     app.require_subcommand(1);
     app.fallthrough();
-    app.add_option("--run-dir", options.run_directory, "Run directory of the daemon")
-        ->type_name("DIRECTORY")
-        ->envname("CVEX_RUN_DIR")
-        ->required();
+    CLI::Option* const run_directory =
+        app.add_option("--run-dir", options.run_directory, "Run directory of the daemon")
+            ->type_name("DIRECTORY")
+            ->envname("CVEX_RUN_DIR")
+            ->required();
 
     CLI::App* start_command = app.add_subcommand("start", "Register the box: send start_cloud_registration");
     start_command->add_option("--token", options.token, "Token of the user who registers the box")
@@ -248,6 +279,19 @@ int main(int argc, char** argv) {
         ->type_name("");
     add_reply_options(*send_command, options);
 
+    CLI::App* timeline_command = app.add_subcommand(
+        "timeline", "Draw a record of a run, as cvcloudd --record keeps it; no daemon is needed");
+    timeline_command->add_option("record", options.record_file, "File of the record")
+        ->type_name("")
+        ->required();
+    timeline_command
+        ->add_option("--html", options.page_file,
+                     "Write one HTML page to this file, which is replaced [default: text on the terminal]")
+        ->type_name("FILE");
+    timeline_command->add_flag("--log", options.with_log,
+                               "Show the log's lines too; the page always has them");
+    timeline_command->preparse_callback([run_directory](std::size_t) { run_directory->required(false); });
+
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
         return *exit_code;
     }
@@ -262,6 +306,9 @@ int main(int argc, char** argv) {
         }
         if (listen_command->parsed()) {
             return listen(options);
+        }
+        if (timeline_command->parsed()) {
+            return draw_timeline(app, options);
         }
         return send(app, options);
     } catch (const cvex::NoDaemon& error) {

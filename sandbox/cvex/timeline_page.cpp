@@ -1,0 +1,538 @@
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdio>
+#include <set>
+#include <vector>
+
+#include "cvex/timeline.h"
+
+namespace cvex {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr const char* style = R"css(
+:root {
+    color-scheme: light dark;
+    --paper: #fdfcfa; --panel: #f5f3ee; --ink: #22262b; --muted: #656a71; --rule: #d9d5cc;
+    --accent: #1d5fae; --good: #1b7a4b; --bad: #bd2f28; --wait: #a9c1e0; --pause: #e5b657;
+}
+@media (prefers-color-scheme: dark) {
+    :root {
+        --paper: #15181b; --panel: #1c2024; --ink: #e8e5df; --muted: #9ba1a8; --rule: #383e45;
+        --accent: #82b5f7; --good: #62c892; --bad: #ff8a80; --wait: #48678f; --pause: #b0812a;
+    }
+}
+* { box-sizing: border-box; }
+body {
+    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(20rem, 27rem);
+    background: var(--paper); color: var(--ink);
+    font: 15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif;
+}
+header { grid-column: 1 / -1; padding: 1.1rem 1.6rem 0.9rem; border-bottom: 1px solid var(--rule); }
+h1 { margin: 0; font-size: 1.3rem; font-weight: 650; letter-spacing: -0.01em; }
+header p { margin: 0.1rem 0 0; color: var(--muted); }
+ul.legend { margin: 0.7rem 0 0; padding: 0; list-style: none; display: flex; flex-wrap: wrap; gap: 0.3rem 1.6rem;
+    font-size: 13px; color: var(--muted); }
+ul.legend li { display: flex; align-items: center; gap: 0.5rem; }
+ul.legend svg { display: block; }
+main { overflow: auto; padding: 0 1.6rem 2rem; }
+svg { display: block; font-family: ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
+svg.head { position: sticky; top: 0; z-index: 1; background: var(--paper); }
+svg.head text { font: 650 15px system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; fill: var(--ink); }
+svg.head rect { fill: var(--panel); stroke: var(--rule); }
+text { font-size: 13px; fill: var(--ink); }
+.lane { stroke: var(--rule); stroke-width: 1.5; }
+.time, .length { text-anchor: end; fill: var(--muted); font-size: 12px; font-variant-numeric: tabular-nums; }
+.unit { text-anchor: end; }
+svg.head .unit { font-weight: 400; font-size: 12px; fill: var(--muted); }
+.axis { stroke: var(--muted); stroke-width: 1.5; fill: none; }
+.stretched { stroke-dasharray: 1.5 4; }
+.waiting { fill: var(--wait); }
+.pause { fill: var(--pause); }
+.message { color: var(--accent); cursor: pointer; outline: none; }
+.message.command { color: var(--ink); }
+.message.answer, .message.done { color: var(--good); }
+.message.failed { color: var(--bad); }
+.message text { text-anchor: middle; fill: currentColor; }
+.message .arrow { stroke: currentColor; stroke-width: 1.6; fill: none; }
+.message .tip, .message .passing { fill: currentColor; }
+.message.published .arrow { stroke-dasharray: 6 4; }
+.message .cross { stroke: currentColor; stroke-width: 2; fill: none; }
+.message .hit { fill: transparent; rx: 6; }
+.message:hover .hit { fill: color-mix(in srgb, currentColor 9%, transparent); }
+.message[aria-pressed="true"] .hit { fill: color-mix(in srgb, currentColor 14%, transparent); }
+.message:focus-visible .hit { stroke: currentColor; stroke-width: 2; }
+aside { overflow: auto; padding: 1.2rem 1.6rem; background: var(--panel); border-left: 1px solid var(--rule); }
+aside h2 { margin: 0; font-size: 1.05rem; overflow-wrap: anywhere; }
+aside h3 { margin: 1.2rem 0 0.3rem; font-size: 12px; font-weight: 600; color: var(--muted);
+    text-transform: uppercase; letter-spacing: 0.06em; }
+aside p { margin: 0.3rem 0 0; color: var(--muted); overflow-wrap: anywhere; }
+pre { margin: 0; padding: 0.7rem 0.9rem; background: var(--paper); border: 1px solid var(--rule); border-radius: 6px;
+    font: 12.5px/1.55 ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace;
+    white-space: pre-wrap; overflow-wrap: anywhere; }
+details { margin-top: 1.5rem; }
+summary { cursor: pointer; color: var(--muted); }
+table { border-collapse: collapse; margin-top: 0.6rem;
+    font: 12.5px/1.5 ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
+th { text-align: left; font-weight: 600; color: var(--muted); }
+th, td { padding: 0.1rem 1rem 0.1rem 0; vertical-align: top; overflow-wrap: anywhere; }
+td:first-child { text-align: right; font-variant-numeric: tabular-nums; color: var(--muted); }
+@media (max-width: 900px) {
+    body { grid-template: auto 1fr 40vh / minmax(0, 1fr); }
+    aside { border-left: none; border-top: 1px solid var(--rule); }
+}
+@media print { body { display: block; height: auto; } main, aside { overflow: visible; } }
+)css";
+
+constexpr const char* script = R"js(
+"use strict";
+const details = JSON.parse(document.getElementById("details").textContent);
+const messages = [...document.querySelectorAll(".message")];
+const panel = document.querySelector("aside");
+let chosen = null;
+
+function element(name, text) {
+    const made = document.createElement(name);
+    made.textContent = text;
+    return made;
+}
+
+function show(message) {
+    const detail = details[messages.indexOf(message)];
+    panel.replaceChildren(element("h2", detail.label), element("p", detail.place));
+    if (detail.explanation) {
+        panel.append(element("p", detail.explanation));
+    }
+    for (const [title, text] of detail.documents) {
+        panel.append(element("h3", title), element("pre", text));
+    }
+}
+
+function choose(message) {
+    for (const other of messages) {
+        other.setAttribute("aria-pressed", other === message);
+        other.setAttribute("tabindex", other === message ? "0" : "-1");
+    }
+    chosen = message;
+    show(message);
+}
+
+function step(message, key) {
+    const index = messages.indexOf(message);
+    return { ArrowDown: messages[index + 1], ArrowUp: messages[index - 1],
+             Home: messages[0], End: messages[messages.length - 1] }[key];
+}
+
+for (const message of messages) {
+    message.addEventListener("pointerenter", () => show(message));
+    message.addEventListener("pointerleave", () => show(chosen));
+    message.addEventListener("click", () => choose(message));
+    message.addEventListener("focus", () => choose(message));
+    message.addEventListener("keydown", event => {
+        const next = step(message, event.key);
+        if (next) {
+            event.preventDefault();
+            next.focus();
+        }
+    });
+}
+if (messages.length > 0) {
+    choose(messages[0]);
+}
+)js";
+
+// All lengths are in CSS pixels.
+
+constexpr double pixels_per_second = 150;
+/// Room for a message's label above its arrow and a bar's label between two arrows.
+constexpr double shortest_gap = 60;
+/// Longer gaps are broken: idle ones at `idle_seconds`, those that a bar fills much later.
+constexpr double longest_bar_seconds = 10;
+constexpr double broken_gap = 110;
+
+constexpr std::array<double, 4> lane_x{160, 440, 720, 1020};
+constexpr double width = 1100;
+constexpr double axis_x = 82;
+constexpr double half_bar = 6;
+constexpr double head_height = 58;
+/// No monospaced font of this size is wider.
+constexpr double character_width = 8.1;
+
+double x_of(Lane lane) {
+    return lane_x[static_cast<std::size_t>(lane)];
+}
+
+const char* name_of(Lane lane) {
+    return lane_names[static_cast<std::size_t>(lane)];
+}
+
+std::string number(double value) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "%.1f", value);
+    return text.data();
+}
+
+std::string seconds(double value) {
+    std::array<char, 400> text{};
+    std::snprintf(text.data(), text.size(), "%.3f", value);
+    return text.data();
+}
+
+std::string escape(const std::string& text) {
+    std::string result;
+    for (const char character : printable(text, true)) {
+        switch (character) {
+        case '&':
+            result += "&amp;";
+            break;
+        case '<':
+            result += "&lt;";
+            break;
+        case '>':
+            result += "&gt;";
+            break;
+        case '"':
+            result += "&quot;";
+            break;
+        default:
+            result += character;
+        }
+    }
+    return result;
+}
+
+/// Shortens a label to what fits into `room`. Other characters than ASCII may be twice as wide.
+std::string fit(const std::string& text, double room) {
+    std::string result;
+    double used = 0;
+    std::string cut;
+    for_each_character(printable(text, true), [&](std::uint32_t code_point, const std::string& bytes) {
+        used += (code_point < 0x80 ? 1 : 2) * character_width;
+        if (used <= room - 2 * character_width) {
+            cut += bytes;
+        }
+        result += bytes;
+    });
+    return used <= room ? result : cut + "…";
+}
+
+/// Where things are from top to bottom: to scale wherever that leaves room for the labels and wastes none.
+class Layout {
+public:
+    enum class Gap { to_scale, stretched, broken };
+
+    explicit Layout(const Timeline& timeline) {
+        const std::size_t count = timeline.messages.size();
+        std::vector<bool> filled(count, false);
+        for (const TimelineBar& bar : timeline.bars) {
+            std::fill(filled.begin() + static_cast<std::ptrdiff_t>(bar.first),
+                      filled.begin() + static_cast<std::ptrdiff_t>(bar.last), true);
+        }
+        double y = shortest_gap / 2;
+        for (std::size_t index = 0; index < count; ++index) {
+            tops.push_back(y);
+            const double next = index + 1 < count ? timeline.messages[index + 1].time : timeline.end;
+            const double duration = next - timeline.messages[index].time;
+            const double limit = filled[index] ? longest_bar_seconds : idle_seconds;
+            const double natural = duration * pixels_per_second;
+            gaps.push_back(duration > limit         ? Gap::broken
+                           : natural < shortest_gap ? Gap::stretched
+                                                    : Gap::to_scale);
+            y += gaps.back() == Gap::broken      ? broken_gap
+                 : gaps.back() == Gap::stretched ? shortest_gap
+                                                 : natural;
+        }
+        tops.push_back(y);
+    }
+
+    /// Of a message, or of the end of the record.
+    double top(std::size_t message) const {
+        return tops[message];
+    }
+    double height_after(std::size_t message) const {
+        return tops[message + 1] - tops[message];
+    }
+    Gap gap_after(std::size_t message) const {
+        return gaps[message];
+    }
+    double height() const {
+        return tops.back() + shortest_gap / 2;
+    }
+
+private:
+    std::vector<double> tops;
+    std::vector<Gap> gaps;
+};
+
+std::string line(const char* kind, double x1, double y1, double x2, double y2) {
+    return std::string("<line class=\"") + kind + "\" x1=\"" + number(x1) + "\" y1=\"" + number(y1) +
+           "\" x2=\"" + number(x2) + "\" y2=\"" + number(y2) + "\"/>\n";
+}
+
+std::string text_at(const char* kind, double x, double y, const std::string& text) {
+    return std::string("<text class=\"") + kind + "\" x=\"" + number(x) + "\" y=\"" + number(y) + "\">" +
+           escape(text) + "</text>\n";
+}
+
+std::string zigzag(double x, double top, double bottom) {
+    const double middle = (top + bottom) / 2;
+    std::string points = "M" + number(x) + " " + number(top) + "V" + number(middle - 12);
+    for (const auto& [side, y] : {std::pair{7, -8}, {-7, 0}, {7, 8}, {0, 12}}) {
+        points += "L" + number(x + side) + " " + number(middle + y);
+    }
+    return "<path class=\"axis broken\" d=\"" + points + "V" + number(bottom) + "\"/>\n";
+}
+
+std::string draw_axis(const Timeline& timeline, const Layout& layout) {
+    std::string drawn;
+    for (std::size_t index = 0; index < timeline.messages.size(); ++index) {
+        const double top = layout.top(index);
+        const double bottom = layout.top(index + 1);
+        const double time = timeline.messages[index].time;
+        drawn += text_at("time", axis_x - 12, top + 4, seconds(time));
+        if (layout.gap_after(index) == Layout::Gap::broken) {
+            const bool is_last = index + 1 == timeline.messages.size();
+            const double next = is_last ? timeline.end : timeline.messages[index + 1].time;
+            drawn += zigzag(axis_x, top, bottom);
+            drawn += text_at("length", axis_x - 12, (top + bottom) / 2 + 4, describe_duration(next - time));
+        } else if (index + 1 < timeline.messages.size()) {
+            drawn += line(layout.gap_after(index) == Layout::Gap::stretched ? "axis stretched" : "axis",
+                          axis_x, top, axis_x, bottom);
+        }
+    }
+    return drawn;
+}
+
+std::string draw_bars(const Timeline& timeline, const Layout& layout) {
+    std::string drawn;
+    std::set<std::size_t> labelled;
+    std::vector<std::size_t> column_ends;
+    for (const TimelineBar& bar : timeline.bars) {
+        // Bars that last at the same time stand side by side.
+        const auto column = std::find_if(column_ends.begin(), column_ends.end(),
+                                         [&](std::size_t end) { return end <= bar.first; });
+        const auto offset = static_cast<double>(column - column_ends.begin()) * (2 * half_bar + 2);
+        if (column == column_ends.end()) {
+            column_ends.push_back(bar.last);
+        } else {
+            *column = bar.last;
+        }
+        const bool is_pause = bar.kind == TimelineBar::Kind::pause;
+        const std::string label = (is_pause ? "pause " : "waits ") + describe_duration(bar.duration);
+        const double top = layout.top(bar.first);
+        drawn += std::string("<rect class=\"bar ") + (is_pause ? "pause" : "waiting") + "\" x=\"" +
+                 number(x_of(Lane::module) - half_bar + offset) + "\" y=\"" + number(top) + "\" width=\"" +
+                 number(2 * half_bar) + "\" height=\"" + number(layout.top(bar.last) - top) +
+                 "\" rx=\"2\"><title>" + label + "</title></rect>\n";
+        // The label stands in the bar's highest gap that no other label has taken.
+        std::size_t best = bar.last;
+        for (std::size_t index = bar.first; index < bar.last; ++index) {
+            if (labelled.count(index) == 0 &&
+                (best == bar.last || layout.height_after(index) > layout.height_after(best))) {
+                best = index;
+            }
+        }
+        if (best != bar.last) {
+            labelled.insert(best);
+            drawn += text_at("length", x_of(Lane::module) - half_bar - 10,
+                             layout.top(best) + layout.height_after(best) / 2 - 2, label);
+        }
+    }
+    return drawn;
+}
+
+std::string kind_of(const TimelineMessage& message, const RecordedEvent& event) {
+    std::string kind =
+        "message " + std::string(event.name == "response"                           ? "answer"
+                                 : event.name == "reply" || event.name == "publish" ? "done"
+                                                                                    : event.name);
+    kind += message.published ? " published" : "";
+    return kind + (message.failed ? " failed" : "");
+}
+
+std::string describe_place(const TimelineMessage& message, const RecordedEvent& event) {
+    return seconds(message.time) + " s, " + name_of(message.from) + " to " + name_of(message.to) + ", " +
+           event.members["thread"].get<std::string>() + " thread";
+}
+
+std::string draw_message(const TimelineMessage& message, const RecordedEvent& event, double y) {
+    const double direction = message.from < message.to ? 1 : -1;
+    const auto end_at = [&](Lane lane, double side) {
+        return x_of(lane) + (lane == Lane::module ? side * half_bar : 0);
+    };
+    const double begin = end_at(message.from, direction);
+    const double end = end_at(message.to, -direction);
+    const double left = std::min(begin, end);
+    const double right = std::max(begin, end);
+    std::string drawn =
+        "<g class=\"" + kind_of(message, event) +
+        "\" role=\"button\" tabindex=\"-1\" aria-pressed=\"false\" aria-label=\"" +
+        escape(message.label + (message.failed ? ", failed, " : ", ") + describe_place(message, event)) +
+        "\">\n<rect class=\"hit\" x=\"" + number(left - 4) + "\" y=\"" + number(y - 26) + "\" width=\"" +
+        number(right - left + 8) + "\" height=\"36\"/>\n";
+    drawn += line("arrow", begin, y, end - direction * 8, y);
+    drawn += "<path class=\"tip\" d=\"M" + number(end) + " " + number(y) + "l" + number(-direction * 11) +
+             " -5v10z\"/>\n";
+    const auto [first, last] = std::minmax(message.from, message.to);
+    if (first < Lane::daemon && last > Lane::daemon) {
+        drawn += "<circle class=\"passing\" cx=\"" + number(x_of(Lane::daemon)) + "\" cy=\"" + number(y) +
+                 "\" r=\"3.5\"/>\n";
+    }
+    // Each message has its label in the gap at its own end, so the middle stays free for the bars' labels.
+    const Lane gap = first;
+    const double gap_left = x_of(gap);
+    const double gap_right = x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
+    const double room = gap_right - gap_left - 2 * half_bar - 40;
+    const std::string label = fit(message.label, room);
+    const double middle = (gap_left + gap_right) / 2;
+    drawn += text_at("label", middle, y - 9, label);
+    if (message.failed) {
+        double label_width = 0;
+        for_each_character(label, [&](std::uint32_t code_point, const std::string&) {
+            label_width += (code_point < 0x80 ? 1 : 2) * character_width;
+        });
+        drawn += "<path class=\"cross\" d=\"M" + number(middle - label_width / 2 - 13) + " " +
+                 number(y - 18) + "l8 8m0 -8l-8 8\"/>\n";
+    }
+    return drawn + "</g>\n";
+}
+
+std::string lane_lines(double top, double bottom) {
+    std::string drawn;
+    for (const double x : lane_x) {
+        drawn += line("lane", x, top, x, bottom);
+    }
+    return drawn;
+}
+
+std::string open_svg(const char* kind, double height, const char* label) {
+    return std::string("<svg class=\"") + kind + "\" width=\"" + number(width) + "\" height=\"" +
+           number(height) + "\" role=\"group\" aria-label=\"" + label + "\">\n";
+}
+
+std::string draw_head() {
+    std::string drawn = open_svg("head", head_height, "Lanes");
+    drawn += lane_lines(head_height - 12, head_height);
+    drawn += text_at("unit", axis_x - 12, 32, "time / s");
+    for (std::size_t lane = 0; lane < lane_names.size(); ++lane) {
+        drawn +=
+            "<rect x=\"" + number(lane_x[lane] - 48) + "\" y=\"10\" width=\"96\" height=\"36\" rx=\"7\"/>\n";
+        drawn += "<text text-anchor=\"middle\" x=\"" + number(lane_x[lane]) + "\" y=\"33\">" +
+                 lane_names[lane] + "</text>\n";
+    }
+    return drawn + "</svg>\n";
+}
+
+std::string draw_diagram(const Timeline& timeline) {
+    const Layout layout(timeline);
+    std::string drawn = draw_head() + open_svg("diagram", layout.height(), "Messages in the order of time");
+    drawn += lane_lines(0, layout.height());
+    drawn += draw_axis(timeline, layout);
+    drawn += draw_bars(timeline, layout);
+    for (std::size_t index = 0; index < timeline.messages.size(); ++index) {
+        const TimelineMessage& message = timeline.messages[index];
+        drawn += draw_message(message, timeline.record.events[message.event], layout.top(index));
+    }
+    return drawn + "</svg>\n";
+}
+
+std::string draw_log(const Record& record) {
+    std::string rows;
+    std::size_t count = 0;
+    for (const RecordedEvent& event : record.events) {
+        if (event.name == "log") {
+            ++count;
+            rows += "<tr><td>" + seconds(event.time) + "</td><td>" + escape(event.members["thread"]) +
+                    "</td><td>" + std::to_string(event.members["level"].get<int>()) + "</td><td>" +
+                    escape(event.members["line"]) + "</td></tr>\n";
+        }
+    }
+    return count == 0 ? ""
+                      : "<details><summary>Log, " + std::to_string(count) +
+                            " lines</summary><table>\n<tr><th>time / s</th><th>thread</th><th>level</th>"
+                            "<th>line</th></tr>\n" +
+                            rows + "</table></details>\n";
+}
+
+/// What the page shows beside a message, for its script.
+std::string details_of(const Timeline& timeline) {
+    ordered_json details = ordered_json::array();
+    for (const TimelineMessage& message : timeline.messages) {
+        const RecordedEvent& event = timeline.record.events[message.event];
+        ordered_json documents = ordered_json::array();
+        for (const auto& [member, title] : {std::pair{"payload", "Payload"}, {"body", "Body"}}) {
+            if (const auto text = event.members.find(member); text != event.members.end()) {
+                const ordered_json document = ordered_json::parse(text->get<std::string>(), nullptr, false);
+                if (document.is_structured()) {
+                    documents.push_back({title, document.dump(2)});
+                }
+            }
+        }
+        documents.push_back({"Line of the record", event.members.dump(2)});
+        details.push_back({{"label", message.label},
+                           {"place", describe_place(message, event)},
+                           {"explanation", message.explanation},
+                           {"documents", documents}});
+    }
+    std::string text = details.dump();
+    // No text of the record may end the element or open a comment in it.
+    for (std::size_t at = text.find('<'); at != std::string::npos; at = text.find('<', at)) {
+        text.replace(at, 1, "\\u003c");
+    }
+    return text;
+}
+
+std::string draw_legend() {
+    const auto item = [](const std::string& drawing, double item_width, const std::string& text) {
+        return "<li><svg aria-hidden=\"true\" width=\"" + number(item_width) + "\" height=\"16\">" + drawing +
+               "</svg>" + text + "</li>\n";
+    };
+    const auto bar = [](const std::string& kind) {
+        return "<rect class=\"" + kind + "\" x=\"0\" y=\"1\" width=\"12\" height=\"14\" rx=\"2\"/>";
+    };
+    return "<ul class=\"legend\">\n" +
+           item("<path class=\"axis\" d=\"M1 3v10M1 8h150M151 3v10\"/>", pixels_per_second + 2,
+                "1 s = " + number(pixels_per_second).substr(0, 3) + " px, where the time axis is solid") +
+           item(line("axis stretched", 4, 0, 4, 16), 8, "stretched: shorter in truth") +
+           item("<path class=\"axis\" d=\"M7 0V2L13 4L1 8L13 12L7 14V16\"/>", 14,
+                "cut: the length stands beside it") +
+           item(bar("waiting"), 12, "the module waits for the cloud") +
+           item(bar("pause"), 12, "pause before a retry") +
+           item("<g class=\"message done published\"><path class=\"arrow\" d=\"M0 8h36\"/></g>", 36,
+                "published to every listener") +
+           item("<g class=\"message failed\"><path class=\"cross\" d=\"M1 4l8 8m0 -8l-8 8\"/></g>", 10,
+                "failed or refused") +
+           "</ul>\n";
+}
+
+std::string count_of(std::size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+} // namespace
+
+std::string timeline_page(const Timeline& timeline) {
+    const std::string title = "Record of " + escape(timeline.record.started);
+    const auto failed = static_cast<std::size_t>(
+        std::count_if(timeline.messages.begin(), timeline.messages.end(),
+                      [](const TimelineMessage& message) { return message.failed; }));
+    return "<!DOCTYPE html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
+           "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
+           "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
+           "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n<title>" +
+           title + "</title>\n<style>" + style + "</style>\n</head>\n<body>\n<header>\n<h1>" + title +
+           "</h1>\n<p>" + describe_duration(timeline.end) + ", " +
+           count_of(timeline.messages.size(), "message") + ", " + std::to_string(failed) +
+           " failed. The daemon carries each message; a request's arrow is drawn straight to the "
+           "cloud.</p>\n" +
+           draw_legend() + "</header>\n<main tabindex=\"-1\">\n" + draw_diagram(timeline) +
+           draw_log(timeline.record) + "</main>\n<aside aria-live=\"polite\"><p>" +
+           (timeline.messages.empty() ? "Nothing crossed the handlers' boundary." : "") +
+           "</p></aside>\n<script type=\"application/json\" id=\"details\">" + details_of(timeline) +
+           "</script>\n<script>" + script + "</script>\n</body>\n</html>\n";
+}
+
+} // namespace cvex
