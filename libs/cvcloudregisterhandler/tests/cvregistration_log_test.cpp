@@ -1,0 +1,91 @@
+// Below level 0 nothing is logged, and everything else is as ever. The other tests see these lines.
+
+#include <cerrno>
+#include <string>
+#include <vector>
+
+#include "cvcloudregisterhandler.h"
+#include "module_test.h"
+
+namespace {
+
+using cv::registration::RegistrationHandler;
+using cv::registration::RegistrationThread;
+
+class SilentModuleTest : public ModuleTest {
+protected:
+    SilentModuleTest() {
+        cv::log::current_level = -1;
+    }
+
+    ~SilentModuleTest() override {
+        EXPECT_EQ(log_events(), Events{});
+    }
+
+    std::vector<std::string> commands;
+};
+
+class SilentHandlerTest : public HandlerTest {
+protected:
+    SilentHandlerTest() {
+        cv::log::current_level = -1;
+    }
+
+    ~SilentHandlerTest() override {
+        EXPECT_EQ(log_events(), Events{});
+    }
+};
+
+TEST_F(SilentModuleTest, RefusesToWorkWithoutACloudAccessObject) {
+    EXPECT_EQ(get_handler_api()->init(nullptr, commands), 0);
+}
+
+TEST_F(SilentModuleTest, FailsWithoutMemoryForTheRegistrationObject) {
+    interception::fail_next_new();
+    EXPECT_EQ(get_handler_api()->init(&cloud, commands), 0);
+}
+
+TEST_F(SilentModuleTest, FailsWithoutPipes) {
+    interception::fail_next_pipe2(EMFILE);
+    EXPECT_EQ(get_handler_api()->init(&cloud, commands), 0);
+}
+
+TEST_F(SilentModuleTest, StopsItsWorker) {
+    EXPECT_NE(get_handler_api()->init(&cloud, commands), 0);
+    get_handler_api()->uninit();
+    EXPECT_EQ(g_registration_handler, nullptr);
+}
+
+TEST_F(SilentHandlerTest, RefusesAnUnknownTokenType) {
+    EXPECT_FALSE(handler.set_input_params({"t", "other", "m"}));
+}
+
+TEST_F(SilentHandlerTest, EndsTheRunInAWorkStateWithoutAnEntry) {
+    handler.state = static_cast<RegistrationHandler::State>(2);
+    handler.run_state_machine();
+    EXPECT_EQ(handler.state, RegistrationHandler::FAIL);
+}
+
+TEST_F(SilentHandlerTest, StaysInAnUnknownState) {
+    handler.state = static_cast<RegistrationHandler::State>(6);
+    handler.run_state_machine();
+    EXPECT_EQ(handler.state, 6);
+}
+
+TEST_F(SilentHandlerTest, GoesOnWhenThereIsNothingToReadAndEndsWhenSelectFails) {
+    int runs = 0;
+    handler.thread.handler = &handler;
+    handler.states[RegistrationHandler::LOGIN] = {"step", &handler.login_progress,
+                                                  [&runs] {
+                                                      ++runs;
+                                                      interception::fail_next_select(EBADF);
+                                                      return true;
+                                                  },
+                                                  RegistrationHandler::REGISTER_DEVICE};
+    handler.thread.run();
+    interception::return_from_next_read(0);
+    EXPECT_EQ(RegistrationThread::thread_function(&handler.thread), nullptr);
+    EXPECT_EQ(runs, 1);
+}
+
+} // namespace
