@@ -276,6 +276,7 @@ int main(int argc, char** argv) {
     }
     underneath::mark_thread(underneath::Role::host);
     std::signal(SIGALRM, out_of_time);
+    std::signal(SIGPIPE, SIG_DFL); // One would end the test.
     reopen_descriptor_zero();
     const std::set<std::string> descriptors = open_descriptors();
     int points = 0;
