@@ -225,6 +225,16 @@ std::string printable(const std::string& text, bool utf8) {
     return result;
 }
 
+std::string describe_start(const Timeline& timeline) {
+    // 2026-11-21T01:38:26.718Z
+    std::string text = timeline.record.started;
+    if (text.size() > 10 && text[10] == 'T' && text.back() == 'Z') {
+        text.replace(text.size() - 1, 1, " UTC");
+        text[10] = ' ';
+    }
+    return text;
+}
+
 std::string describe_duration(double seconds) {
     std::array<char, 64> text{};
     if (seconds < 0.01) {

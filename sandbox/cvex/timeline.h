@@ -62,6 +62,9 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log);
 /// The timeline as one HTML page that needs nothing else.
 std::string timeline_page(const Timeline& timeline);
 
+/// When the daemon was started, as a person reads it.
+std::string describe_start(const Timeline& timeline);
+
 /// A duration as a person reads it, such as "1.25 s" or "0.4 ms".
 std::string describe_duration(double seconds);
 

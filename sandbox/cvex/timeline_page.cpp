@@ -27,7 +27,7 @@ constexpr const char* style = R"css(
 }
 * { box-sizing: border-box; }
 body {
-    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(20rem, 27rem);
+    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(18rem, 27%);
     background: var(--paper); color: var(--ink);
     font: 15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif;
 }
@@ -90,7 +90,7 @@ td:first-child { text-align: right; font-variant-numeric: tabular-nums; color: v
 constexpr const char* script = R"js(
 "use strict";
 const details = JSON.parse(document.getElementById("details").textContent);
-const messages = [...document.querySelectorAll(".message")];
+const messages = [...document.querySelectorAll("svg.diagram .message")];
 const panel = document.querySelector("aside");
 let chosen = null;
 
@@ -153,9 +153,9 @@ constexpr double shortest_gap = 60;
 constexpr double longest_bar_seconds = 10;
 constexpr double broken_gap = 110;
 
-constexpr std::array<double, 4> lane_x{160, 440, 720, 1020};
-constexpr double width = 1100;
-constexpr double axis_x = 82;
+constexpr std::array<double, 4> lane_x{130, 390, 610, 880};
+constexpr double width = 932;
+constexpr double axis_x = 76;
 constexpr double half_bar = 6;
 constexpr double head_height = 58;
 /// No monospaced font of this size is wider.
@@ -385,7 +385,7 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
     const Lane gap = first;
     const double gap_left = x_of(gap);
     const double gap_right = x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
-    const double room = gap_right - gap_left - 2 * half_bar - 40;
+    const double room = gap_right - gap_left - 2 * half_bar - (message.failed ? 42 : 16);
     const std::string label = fit(message.label, room);
     const double middle = (gap_left + gap_right) / 2;
     drawn += text_at("label", middle, y - 9, label);
@@ -515,7 +515,7 @@ std::string count_of(std::size_t count, const std::string& noun) {
 } // namespace
 
 std::string timeline_page(const Timeline& timeline) {
-    const std::string title = "Record of " + escape(timeline.record.started);
+    const std::string title = "Record of " + escape(describe_start(timeline));
     const auto failed = static_cast<std::size_t>(
         std::count_if(timeline.messages.begin(), timeline.messages.end(),
                       [](const TimelineMessage& message) { return message.failed; }));

@@ -73,7 +73,7 @@ std::string arrow_row(const Glyphs& glyphs, const TimelineMessage& message) {
 
 std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
     const Glyphs& glyphs = utf8 ? utf8_glyphs : ascii_glyphs;
-    std::string text = "Record of " + printable(timeline.record.started, utf8) + ", " +
+    std::string text = "Record of " + printable(describe_start(timeline), utf8) + ", " +
                        describe_duration(timeline.end) + ", " + std::to_string(timeline.messages.size()) +
                        " messages\n\n    time/s  ";
     for (const char* name : lane_names) {
