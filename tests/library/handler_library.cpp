@@ -12,17 +12,21 @@
 #include "fake_cvutils.h"
 #include "journal.h"
 
-HandlerLibrary::HandlerLibrary() : library(dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_LOCAL)) {
-    if (library == nullptr) {
+namespace {
+
+// No test can go on without what it looks up in the library.
+void* required(void* found) {
+    if (found == nullptr) {
         std::fprintf(stderr, "%s\n", dlerror());
         std::abort();
     }
-    auto* const get_handler_api = reinterpret_cast<CvHandlerAPI* (*)()>(dlsym(library, "get_handler_api"));
-    if (get_handler_api == nullptr) {
-        std::fprintf(stderr, "%s\n", dlerror());
-        std::abort();
-    }
-    handler_object = get_handler_api();
+    return found;
+}
+
+} // namespace
+
+HandlerLibrary::HandlerLibrary() : library(required(dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_LOCAL))) {
+    handler_object = reinterpret_cast<CvHandlerAPI* (*)()>(symbol("get_handler_api"))();
 }
 
 HandlerLibrary::~HandlerLibrary() {
@@ -30,9 +34,7 @@ HandlerLibrary::~HandlerLibrary() {
 }
 
 void* HandlerLibrary::symbol(const char* name) const {
-    void* const address = dlsym(library, name);
-    EXPECT_NE(address, nullptr) << name;
-    return address;
+    return required(dlsym(library, name));
 }
 
 bool HandlerLibrary::in_memory() {

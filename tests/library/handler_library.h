@@ -15,13 +15,13 @@
 /// The built library, loaded for as long as this object lives.
 class HandlerLibrary {
 public:
-    /// Ends the program when the library cannot be loaded or does not hand out its handler object.
+    /// Ends the program when the library cannot be loaded.
     HandlerLibrary();
     ~HandlerLibrary();
     HandlerLibrary(const HandlerLibrary&) = delete;
     HandlerLibrary& operator=(const HandlerLibrary&) = delete;
 
-    /// The address of an exported name; fails the test when the library exports no such name.
+    /// The address of an exported name; ends the program when the library exports no such name.
     void* symbol(const char* name) const;
 
     /// The exported object of that name.
