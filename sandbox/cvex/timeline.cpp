@@ -244,7 +244,7 @@ std::string describe_duration(double seconds) {
     } else if (seconds < 100) {
         std::snprintf(text.data(), text.size(), "%.2f s", seconds);
     } else {
-        std::snprintf(text.data(), text.size(), "%.0f s", seconds);
+        std::snprintf(text.data(), text.size(), seconds < 1e9 ? "%.0f s" : "%.3g s", seconds);
     }
     return text.data();
 }

@@ -153,17 +153,14 @@ constexpr double shortest_gap = 60;
 constexpr double longest_bar_seconds = 10;
 constexpr double broken_gap = 110;
 
-constexpr std::array<double, 4> lane_x{130, 390, 610, 880};
-constexpr double width = 932;
-constexpr double axis_x = 76;
+constexpr std::array<double, 4> lane_x{144, 404, 624, 894};
+constexpr double right_margin = 52;
+constexpr double axis_x = 90;
 constexpr double half_bar = 6;
+constexpr double bar_distance = 2 * half_bar + 2;
 constexpr double head_height = 58;
 /// No monospaced font of this size is wider.
 constexpr double character_width = 8.1;
-
-double x_of(Lane lane) {
-    return lane_x[static_cast<std::size_t>(lane)];
-}
 
 const char* name_of(Lane lane) {
     return lane_names[static_cast<std::size_t>(lane)];
@@ -177,7 +174,8 @@ std::string number(double value) {
 
 std::string seconds(double value) {
     std::array<char, 400> text{};
-    std::snprintf(text.data(), text.size(), "%.3f", value);
+    // Never longer than the room beside the axis.
+    std::snprintf(text.data(), text.size(), value < 1e6 ? "%.3f" : value < 1e9 ? "%.0f" : "%.3g", value);
     return text.data();
 }
 
@@ -225,6 +223,15 @@ public:
     enum class Gap { to_scale, stretched, broken };
 
     explicit Layout(const Timeline& timeline) {
+        for (const TimelineBar& bar : timeline.bars) {
+            auto column = std::find_if(column_ends.begin(), column_ends.end(),
+                                       [&](std::size_t end) { return end <= bar.first; });
+            bar_columns.push_back(static_cast<double>(column - column_ends.begin()));
+            if (column == column_ends.end()) {
+                column = column_ends.insert(column, 0);
+            }
+            *column = bar.last;
+        }
         const std::size_t count = timeline.messages.size();
         std::vector<bool> filled(count, false);
         for (const TimelineBar& bar : timeline.bars) {
@@ -248,6 +255,20 @@ public:
         tops.push_back(y);
     }
 
+    double x_of(Lane lane) const {
+        return lane_x[static_cast<std::size_t>(lane)] + (lane == Lane::cloud ? width_of_more_bars() : 0);
+    }
+    double width() const {
+        return x_of(Lane::cloud) + right_margin;
+    }
+    /// Bars that last at the same time stand side by side, the later ones farther to the right.
+    double left_of_bar(std::size_t bar) const {
+        return x_of(Lane::module) - half_bar + bar_columns[bar] * bar_distance;
+    }
+    /// What the bars beside the first take from the gap between module and cloud.
+    double width_of_more_bars() const {
+        return column_ends.empty() ? 0 : static_cast<double>(column_ends.size() - 1) * bar_distance;
+    }
     /// Of a message, or of the end of the record.
     double top(std::size_t message) const {
         return tops[message];
@@ -265,6 +286,8 @@ public:
 private:
     std::vector<double> tops;
     std::vector<Gap> gaps;
+    std::vector<double> bar_columns;
+    std::vector<std::size_t> column_ends;
 };
 
 std::string line(const char* kind, double x1, double y1, double x2, double y2) {
@@ -309,22 +332,13 @@ std::string draw_axis(const Timeline& timeline, const Layout& layout) {
 std::string draw_bars(const Timeline& timeline, const Layout& layout) {
     std::string drawn;
     std::set<std::size_t> labelled;
-    std::vector<std::size_t> column_ends;
-    for (const TimelineBar& bar : timeline.bars) {
-        // Bars that last at the same time stand side by side.
-        const auto column = std::find_if(column_ends.begin(), column_ends.end(),
-                                         [&](std::size_t end) { return end <= bar.first; });
-        const auto offset = static_cast<double>(column - column_ends.begin()) * (2 * half_bar + 2);
-        if (column == column_ends.end()) {
-            column_ends.push_back(bar.last);
-        } else {
-            *column = bar.last;
-        }
+    for (std::size_t number_of_bar = 0; number_of_bar < timeline.bars.size(); ++number_of_bar) {
+        const TimelineBar& bar = timeline.bars[number_of_bar];
         const bool is_pause = bar.kind == TimelineBar::Kind::pause;
         const std::string label = (is_pause ? "pause " : "waits ") + describe_duration(bar.duration);
         const double top = layout.top(bar.first);
         drawn += std::string("<rect class=\"bar ") + (is_pause ? "pause" : "waiting") + "\" x=\"" +
-                 number(x_of(Lane::module) - half_bar + offset) + "\" y=\"" + number(top) + "\" width=\"" +
+                 number(layout.left_of_bar(number_of_bar)) + "\" y=\"" + number(top) + "\" width=\"" +
                  number(2 * half_bar) + "\" height=\"" + number(layout.top(bar.last) - top) +
                  "\" rx=\"2\"><title>" + label + "</title></rect>\n";
         // The label stands in the bar's highest gap that no other label has taken.
@@ -337,7 +351,7 @@ std::string draw_bars(const Timeline& timeline, const Layout& layout) {
         }
         if (best != bar.last) {
             labelled.insert(best);
-            drawn += text_at("length", x_of(Lane::module) - half_bar - 10,
+            drawn += text_at("length", layout.x_of(Lane::module) - half_bar - 10,
                              layout.top(best) + layout.height_after(best) / 2 - 2, label);
         }
     }
@@ -358,10 +372,11 @@ std::string describe_place(const TimelineMessage& message, const RecordedEvent& 
            event.members["thread"].get<std::string>() + " thread";
 }
 
-std::string draw_message(const TimelineMessage& message, const RecordedEvent& event, double y) {
+std::string draw_message(const TimelineMessage& message, const RecordedEvent& event, double y,
+                         const Layout& layout) {
     const double direction = message.from < message.to ? 1 : -1;
     const auto end_at = [&](Lane lane, double side) {
-        return x_of(lane) + (lane == Lane::module ? side * half_bar : 0);
+        return layout.x_of(lane) + (lane == Lane::module ? side * half_bar : 0);
     };
     const double begin = end_at(message.from, direction);
     const double end = end_at(message.to, -direction);
@@ -378,13 +393,13 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
              " -5v10z\"/>\n";
     const auto [first, last] = std::minmax(message.from, message.to);
     if (first < Lane::daemon && last > Lane::daemon) {
-        drawn += "<circle class=\"passing\" cx=\"" + number(x_of(Lane::daemon)) + "\" cy=\"" + number(y) +
-                 "\" r=\"3.5\"/>\n";
+        drawn += "<circle class=\"passing\" cx=\"" + number(layout.x_of(Lane::daemon)) + "\" cy=\"" +
+                 number(y) + "\" r=\"3.5\"/>\n";
     }
     // Each message has its label in the gap at its own end, so the middle stays free for the bars' labels.
     const Lane gap = first;
-    const double gap_left = x_of(gap);
-    const double gap_right = x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
+    const double gap_left = layout.x_of(gap) + (gap == Lane::module ? layout.width_of_more_bars() : 0);
+    const double gap_right = layout.x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
     const double room = gap_right - gap_left - 2 * half_bar - (message.failed ? 42 : 16);
     const std::string label = fit(message.label, room);
     const double middle = (gap_left + gap_right) / 2;
@@ -400,41 +415,42 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
     return drawn + "</g>\n";
 }
 
-std::string lane_lines(double top, double bottom) {
+std::string lane_lines(const Layout& layout, double top, double bottom) {
     std::string drawn;
-    for (const double x : lane_x) {
-        drawn += line("lane", x, top, x, bottom);
+    for (const Lane lane : {Lane::client, Lane::daemon, Lane::module, Lane::cloud}) {
+        drawn += line("lane", layout.x_of(lane), top, layout.x_of(lane), bottom);
     }
     return drawn;
 }
 
-std::string open_svg(const char* kind, double height, const char* label) {
+std::string open_svg(const char* kind, double width, double height, const char* label) {
     return std::string("<svg class=\"") + kind + "\" width=\"" + number(width) + "\" height=\"" +
            number(height) + "\" role=\"group\" aria-label=\"" + label + "\">\n";
 }
 
-std::string draw_head() {
-    std::string drawn = open_svg("head", head_height, "Lanes");
-    drawn += lane_lines(head_height - 12, head_height);
+std::string draw_head(const Layout& layout) {
+    std::string drawn = open_svg("head", layout.width(), head_height, "Lanes");
+    drawn += lane_lines(layout, head_height - 12, head_height);
     drawn += text_at("unit", axis_x - 12, 32, "time / s");
-    for (std::size_t lane = 0; lane < lane_names.size(); ++lane) {
+    for (const Lane lane : {Lane::client, Lane::daemon, Lane::module, Lane::cloud}) {
+        const double x = layout.x_of(lane);
+        drawn += "<rect x=\"" + number(x - 48) + "\" y=\"10\" width=\"96\" height=\"36\" rx=\"7\"/>\n";
         drawn +=
-            "<rect x=\"" + number(lane_x[lane] - 48) + "\" y=\"10\" width=\"96\" height=\"36\" rx=\"7\"/>\n";
-        drawn += "<text text-anchor=\"middle\" x=\"" + number(lane_x[lane]) + "\" y=\"33\">" +
-                 lane_names[lane] + "</text>\n";
+            "<text text-anchor=\"middle\" x=\"" + number(x) + "\" y=\"33\">" + name_of(lane) + "</text>\n";
     }
     return drawn + "</svg>\n";
 }
 
 std::string draw_diagram(const Timeline& timeline) {
     const Layout layout(timeline);
-    std::string drawn = draw_head() + open_svg("diagram", layout.height(), "Messages in the order of time");
-    drawn += lane_lines(0, layout.height());
+    std::string drawn = draw_head(layout) +
+                        open_svg("diagram", layout.width(), layout.height(), "Messages in the order of time");
+    drawn += lane_lines(layout, 0, layout.height());
     drawn += draw_axis(timeline, layout);
     drawn += draw_bars(timeline, layout);
     for (std::size_t index = 0; index < timeline.messages.size(); ++index) {
         const TimelineMessage& message = timeline.messages[index];
-        drawn += draw_message(message, timeline.record.events[message.event], layout.top(index));
+        drawn += draw_message(message, timeline.record.events[message.event], layout.top(index), layout);
     }
     return drawn + "</svg>\n";
 }
