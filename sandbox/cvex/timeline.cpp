@@ -35,11 +35,11 @@ std::pair<std::string, std::string> failure_of_response(const ordered_json& resp
     const std::string body = response["body"];
     const json document = json::parse(body, nullptr, false);
     if (document.is_discarded()) {
-        return {body.empty() ? "empty body" : "no JSON", body};
+        return {body.empty() ? "empty" : "no JSON", body};
     }
     if (document.is_object() && document.contains("error")) {
         const std::string message = text_at(document, "/error/data/message");
-        return {"error document", message.empty() ? text_at(document, "/error/message") : message};
+        return {"error", message.empty() ? text_at(document, "/error/message") : message};
     }
     return {};
 }

@@ -27,7 +27,7 @@ constexpr const char* style = R"css(
 }
 * { box-sizing: border-box; }
 body {
-    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(18rem, 27%);
+    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(18rem, 25%);
     background: var(--paper); color: var(--ink);
     font: 15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif;
 }
@@ -38,7 +38,7 @@ ul.legend { margin: 0.7rem 0 0; padding: 0; list-style: none; display: flex; fle
     font-size: 13px; color: var(--muted); }
 ul.legend li { display: flex; align-items: center; gap: 0.5rem; }
 ul.legend svg { display: block; }
-main { overflow: auto; padding: 0 1.6rem 2rem; }
+main { overflow: auto; padding: 0 1.2rem 2rem; }
 svg { display: block; font-family: ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
 svg.head { position: sticky; top: 0; z-index: 1; background: var(--paper); }
 svg.head text { font: 650 15px system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; fill: var(--ink); }
@@ -153,8 +153,8 @@ constexpr double shortest_gap = 60;
 constexpr double longest_bar_seconds = 10;
 constexpr double broken_gap = 110;
 
-constexpr std::array<double, 4> lane_x{144, 404, 624, 894};
-constexpr double right_margin = 52;
+constexpr std::array<double, 4> lane_x{144, 454, 644, 924};
+constexpr double right_margin = 50;
 constexpr double axis_x = 90;
 constexpr double half_bar = 6;
 constexpr double bar_distance = 2 * half_bar + 2;
@@ -177,6 +177,10 @@ std::string seconds(double value) {
     // Never longer than the room beside the axis.
     std::snprintf(text.data(), text.size(), value < 1e6 ? "%.3f" : value < 1e9 ? "%.0f" : "%.3g", value);
     return text.data();
+}
+
+std::string count_of(std::size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 std::string escape(const std::string& text) {
@@ -400,7 +404,7 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
     const Lane gap = first;
     const double gap_left = layout.x_of(gap) + (gap == Lane::module ? layout.width_of_more_bars() : 0);
     const double gap_right = layout.x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
-    const double room = gap_right - gap_left - 2 * half_bar - (message.failed ? 42 : 16);
+    const double room = gap_right - gap_left - half_bar - (message.failed ? 42 : 16);
     const std::string label = fit(message.label, room);
     const double middle = (gap_left + gap_right) / 2;
     drawn += text_at("label", middle, y - 9, label);
@@ -467,8 +471,8 @@ std::string draw_log(const Record& record) {
         }
     }
     return count == 0 ? ""
-                      : "<details><summary>Log, " + std::to_string(count) +
-                            " lines</summary><table>\n<tr><th>time / s</th><th>thread</th><th>level</th>"
+                      : "<details><summary>Log, " + count_of(count, "line") +
+                            "</summary><table>\n<tr><th>time / s</th><th>thread</th><th>level</th>"
                             "<th>line</th></tr>\n" +
                             rows + "</table></details>\n";
 }
@@ -522,10 +526,6 @@ std::string draw_legend() {
            item("<g class=\"message failed\"><path class=\"cross\" d=\"M1 4l8 8m0 -8l-8 8\"/></g>", 10,
                 "failed or refused") +
            "</ul>\n";
-}
-
-std::string count_of(std::size_t count, const std::string& noun) {
-    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 } // namespace

@@ -98,6 +98,10 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
         text += no_time + silent_row(glyphs, glyph) + "  " + label + '\n';
     };
 
+    const auto is_filled = [&](std::size_t index) {
+        return std::any_of(timeline.bars.begin(), timeline.bars.end(),
+                           [&](const TimelineBar& bar) { return bar.first < index && index <= bar.last; });
+    };
     std::vector<const TimelineBar*> bar_of_first(timeline.messages.size(), nullptr);
     std::vector<const TimelineBar*> bar_of_last(timeline.messages.size() + 1, nullptr);
     for (const TimelineBar& bar : timeline.bars) {
@@ -111,7 +115,7 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
         std::string duration;
         if (ended != nullptr && ended->kind == TimelineBar::Kind::waiting) {
             duration = " after " + describe_duration(ended->duration);
-        } else if (index > 0 && ended == nullptr &&
+        } else if (index > 0 && !is_filled(index) &&
                    message.time - timeline.messages[index - 1].time > idle_seconds) {
             add_silent_row(glyphs.idle,
                            "idle " + describe_duration(message.time - timeline.messages[index - 1].time));

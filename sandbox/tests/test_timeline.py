@@ -102,7 +102,7 @@ Record of 2026-11-21 01:38:26.718 UTC, 8.50 s, 13 messages
 http://127.0.0.1:1/connect/login: Couldn't connect to server
             │         │         ┊         │  pause 1.00 s
      1.054  │         │         ├────────▶│  connect, try 2
-     1.055  │         │         │◀────────┤  connect: error document after 1.0 ms, try later
+     1.055  │         │         │◀────────┤  connect: error after 1.0 ms, try later
             │         │         ┊         │  pause 1.00 s
      2.056  │         │         ├────────▶│  connect, try 3
      2.300  │         │         │◀────────┤  connect: answer after 244 ms
@@ -134,10 +134,10 @@ def test_the_log_is_shown_on_demand(record_file):
 
 
 @pytest.mark.parametrize("body, label", [
-    ("", "connect: empty body after 0.0 ms"),
+    ("", "connect: empty after 0.0 ms"),
     ("nonsense", "connect: no JSON after 0.0 ms, nonsense"),
-    ('{"error": {"data": {"message": "one"}, "message": "two"}}', "connect: error document after 0.0 ms, one"),
-    ('{"error": {"message": 5}}', "connect: error document after 0.0 ms"),
+    ('{"error": {"data": {"message": "one"}, "message": "two"}}', "connect: error after 0.0 ms, one"),
+    ('{"error": {"message": 5}}', "connect: error after 0.0 ms"),
     ('{"result": {}}', "connect: answer after 0.0 ms"),
 ])
 def test_a_response_says_what_it_is(record_file, body, label):
@@ -166,15 +166,16 @@ def test_a_command_in_mid_run_leaves_the_count_of_tries(record_file):
     events = (Events()
               .command(0, 1, "start_cloud_registration")
               .request(0, 1, "connect").response(1, 1, "connect", **down)
-              .command(1.5, 2, "start_cloud_registration")
-              .reply(1.5, 2, '{"result": "error_in_progress", "reason": "busy"}', thread="dispatch")
-              .request(2, 2, "connect").response(2, 2, "connect", **down)
-              .reply(2, 1, '{"result": "error_cvnc", "reason": "Response status 28"}')
-              .command(3, 3, "retry_cloud_registration")
-              .request(3, 3, "connect").response(3, 3, "connect"))
+              .command(4.5, 2, "start_cloud_registration")
+              .reply(4.5, 2, '{"result": "error_in_progress", "reason": "busy"}', thread="dispatch")
+              .request(5, 2, "connect").response(5, 2, "connect", **down)
+              .reply(5, 1, '{"result": "error_cvnc", "reason": "Response status 28"}')
+              .command(6, 3, "retry_cloud_registration")
+              .request(6, 3, "connect").response(6, 3, "connect"))
     text = "\n".join(drawn(record_file, events))
+    assert "idle" not in text
     assert [line.split("  ")[-1] for line in text.splitlines() if "try" in line or "pause" in line] == [
-        "connect, try 1", "pause 1.00 s", "connect, try 2", "retry_cloud_registration #3, wants a reply",
+        "connect, try 1", "pause 4.00 s", "connect, try 2", "retry_cloud_registration #3, wants a reply",
         "connect, try 1"]
 
 
