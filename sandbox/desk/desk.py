@@ -209,5 +209,9 @@ class Desk:
                               encoding="utf-8", check=False, timeout=START_TIMEOUT + STOP_TIMEOUT)
 
 
+# Where an installed desk finds its programs.
+INSTALLED_PROGRAMS_FILE = Path(__file__).with_name("programs.json")
+
+
 def programs_file_of(build_directory):
     return Path(build_directory) / "sandbox" / "programs.json"

@@ -5,6 +5,9 @@ import sys
 
 import desk
 
+IS_INSTALLED = desk.INSTALLED_PROGRAMS_FILE.exists()
+NAME = "cvdesk" if IS_INSTALLED else "./run"
+
 
 class Parser(argparse.ArgumentParser):
     def error(self, message):
@@ -12,8 +15,12 @@ class Parser(argparse.ArgumentParser):
 
 
 def parse_arguments():
-    parser = Parser(prog="./run", description=__doc__, allow_abbrev=False)
-    parser.add_argument("--build-dir", required=True, help="build directory of the programs")
+    parser = Parser(prog=NAME, description=__doc__, allow_abbrev=False)
+    if IS_INSTALLED:
+        parser.set_defaults(programs=desk.INSTALLED_PROGRAMS_FILE)
+    else:
+        parser.add_argument("--build-dir", dest="programs", type=desk.programs_file_of, required=True,
+                            help="build directory of the programs")
     parser.add_argument("--token", help="token to register with [default: one that the cloud accepts]")
     parser.add_argument("--token-type", choices=["partner", "temporary"], default="partner")
     parser.add_argument("--mac", help="MAC address to register [default: that of the simulated eth2]")
@@ -24,7 +31,7 @@ def parse_arguments():
 def register(arguments):
     on_line = (lambda line: print(line, file=sys.stderr, flush=True)) if arguments.verbose else None
     token = arguments.token or desk.TOKENS[arguments.token_type]
-    with desk.Desk(desk.programs_file_of(arguments.build_dir), on_line) as appliance:
+    with desk.Desk(arguments.programs, on_line) as appliance:
         appliance.start_cloud(tokens={arguments.token_type: token})
         print(f"cloud              listening on {appliance.cloud_url}", flush=True)
         appliance.start_daemon("--log-level", "3" if arguments.verbose else "2")
@@ -41,7 +48,7 @@ def main():
     try:
         return register(arguments)
     except desk.DeskError as error:
-        print(f"./run: {error}", file=sys.stderr)
+        print(f"{NAME}: {error}", file=sys.stderr)
         return 1
 
 
