@@ -153,7 +153,7 @@ constexpr double shortest_gap = 60;
 constexpr double longest_bar_seconds = 10;
 constexpr double broken_gap = 110;
 
-constexpr std::array<double, 4> lane_x{144, 454, 644, 924};
+constexpr std::array<double, 4> lane_x{144, 462, 652, 932};
 constexpr double right_margin = 50;
 constexpr double axis_x = 90;
 constexpr double half_bar = 6;

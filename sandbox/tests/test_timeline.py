@@ -2,8 +2,10 @@
 
 import json
 import os
+import shlex
 import stat
 import subprocess
+from pathlib import Path
 
 import pytest
 
@@ -293,3 +295,26 @@ def test_a_run_is_recorded_and_drawn(appliance, record_file):
     text = timeline(record_file).stdout
     assert text.count("connect: status 7 after ") == 2
     assert text.count(", published\n") == 1
+
+
+def register_box(*options):
+    """Runs what ./run runs once it has built the programs."""
+    script = Path(desk_module.__file__).with_name("register_box.py")
+    return subprocess.run(["/usr/bin/python3", "-B", str(script), "--build-dir", str(BUILD_DIRECTORY), *map(str, options)],
+                          stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=False,
+                          timeout=desk_module.START_TIMEOUT)
+
+
+def test_run_keeps_the_record_where_it_is_told(tmp_path):
+    result = register_box("--record", tmp_path / "new" / "directory")
+    assert (result.returncode, result.stderr) == (0, "")
+    program, *arguments = shlex.split(result.stdout.splitlines()[-1].removeprefix("record"))
+    assert (program, arguments) == (CVEX, ["timeline", str(tmp_path / "new" / "directory" / "record.jsonl")])
+    assert "  reply #1: ok\n" in timeline(arguments[1]).stdout
+
+
+def test_run_names_a_directory_that_it_cannot_make(tmp_path):
+    (tmp_path / "file").touch()
+    result = register_box("--record", tmp_path / "file" / "directory")
+    assert (result.returncode, result.stdout) == (1, "")
+    assert result.stderr == f"./run: cannot make the directory {tmp_path}/file/directory of --record: Not a directory\n"
