@@ -1,8 +1,9 @@
 #include "cloud/cloud_service.h"
 
-#include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <random>
+#include <stdexcept>
 #include <utility>
 
 namespace cloud {
@@ -14,7 +15,10 @@ constexpr int parse_error = -32700;
 constexpr int invalid_request = -32600;
 constexpr int method_not_found = -32601;
 constexpr int invalid_params = -32602;
+constexpr int internal_error = -32603;
 constexpr int refused = -32000;
+
+constexpr std::size_t remembered_requests = 1000;
 
 /// A request that is answered with an error document.
 struct RequestError {
@@ -31,12 +35,47 @@ std::string text_member(const Json& object, const char* key) {
     return member->get<std::string>();
 }
 
+/// Replaces the document by that of the fault, if the fault is a document.
+void apply(const Fault& fault, CloudService::Answer& answer) {
+    const auto set_error = [&answer](Json error) {
+        error["code"] = refused;
+        answer.document["error"] = std::move(error);
+    };
+    const char* const value = answer.method == "register_box" ? "device_id" : "user_token";
+    switch (fault.kind) {
+    case FaultKind::error:
+        set_error({{"message", "Refused"}, {"data", {{"message", fault.argument}}}});
+        break;
+    case FaultKind::error_plain:
+        set_error({{"message", fault.argument}});
+        break;
+    case FaultKind::error_number:
+        set_error({{"message", "Refused"}, {"data", {{"message", 42}}}});
+        break;
+    case FaultKind::result_empty:
+        answer.document["result"] = Json::object();
+        break;
+    case FaultKind::result_number:
+        answer.document["result"] = {{value, 42}};
+        break;
+    default:
+        break;
+    }
+}
+
+double monotonic_seconds() {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
+}
+
 } // namespace
 
-CloudService::CloudService(CloudOptions service_options) : options(std::move(service_options)) {}
+CloudService::CloudService(CloudOptions service_options)
+    : options(std::move(service_options)), boxes(options.boxes_file) {}
 
 CloudService::Answer CloudService::answer(const std::string& service, const std::string& request_text) {
-    Answer answer{"-", "ok", {{"jsonrpc", "2.0"}, {"id", nullptr}}};
+    Answer answer{"-", "", {{"jsonrpc", "2.0"}, {"id", nullptr}}, std::nullopt};
+    Json params;
+    const std::lock_guard lock(mutex);
     try {
         const Json request = Json::parse(request_text, nullptr, false);
         if (request.is_discarded()) {
@@ -47,31 +86,82 @@ CloudService::Answer CloudService::answer(const std::string& service, const std:
         }
         answer.method = request["method"];
         answer.document["id"] = request.value("id", Json());
-        const Json params = request.value("params", Json::object());
+        params = request.value("params", Json::object());
         if (!params.is_object()) {
             throw RequestError{invalid_params, "Invalid params", "\"params\" is not an object"};
         }
-
-        const std::lock_guard lock(mutex);
-        const std::string called = service + " " + answer.method;
-        if (called == "connect/login connect") {
-            answer.document["result"] = connect(params);
-        } else if (called == "connect/login get_device_token") {
-            answer.document["result"] = get_device_token(params);
-        } else if (called == "connect/box_mgmt register_box") {
-            answer.document["result"] = register_box(params);
-            answer.outcome += ", " + params["macs"][0].get<std::string>() + " is " +
-                              answer.document["result"]["device_id"].get<std::string>();
-        } else {
-            throw RequestError{method_not_found, "Method not found",
-                               service + " has no method " + answer.method};
+        answer.fault = faults.take(answer.method);
+        if (!answer.fault || answer.fault->is_carried_out) {
+            answer.outcome = "ok";
+            answer.document["result"] = carry_out(service, answer.method, params, answer.outcome);
         }
     } catch (const RequestError& error) {
         answer.outcome = "refused: " + error.message;
         answer.document["error"] = {
             {"code", error.code}, {"message", error.title}, {"data", {{"message", error.message}}}};
+    } catch (const std::runtime_error& error) {
+        answer.outcome = std::string("failed: ") + error.what();
+        answer.document["error"] = {{"code", internal_error}, {"message", error.what()}};
     }
+    if (answer.fault) {
+        apply(*answer.fault, answer);
+        answer.outcome += (answer.outcome.empty() ? "fault " : ", fault ") + answer.fault->text;
+    }
+    note(service, answer, std::move(params));
     return answer;
+}
+
+void CloudService::add_faults(const std::vector<std::string>& texts) {
+    const std::lock_guard lock(mutex);
+    FaultPlan changed = faults;
+    for (const std::string& text : texts) {
+        changed.add(text);
+    }
+    faults = std::move(changed);
+}
+
+void CloudService::clear_faults() {
+    const std::lock_guard lock(mutex);
+    faults.clear();
+}
+
+Json CloudService::faults_left() const {
+    const std::lock_guard lock(mutex);
+    return faults.left();
+}
+
+Json CloudService::latest_requests() const {
+    const std::lock_guard lock(mutex);
+    return requests;
+}
+
+void CloudService::note(const std::string& service, const Answer& answer, Json params) {
+    requests.push_back({{"time", monotonic_seconds()},
+                        {"service", service},
+                        {"method", answer.method},
+                        {"params", std::move(params)},
+                        {"outcome", answer.outcome}});
+    if (requests.size() > remembered_requests) {
+        requests.pop_front();
+    }
+}
+
+Json CloudService::carry_out(const std::string& service, const std::string& method, const Json& params,
+                             std::string& outcome) {
+    const std::string called = service + " " + method;
+    if (called == "connect/login connect") {
+        return connect(params);
+    }
+    if (called == "connect/login get_device_token") {
+        return get_device_token(params);
+    }
+    if (called == "connect/box_mgmt register_box") {
+        Json result = register_box(params);
+        outcome +=
+            ", " + params["macs"][0].get<std::string>() + " is " + result["device_id"].get<std::string>();
+        return result;
+    }
+    throw RequestError{method_not_found, "Method not found", service + " has no method " + method};
 }
 
 Json CloudService::connect(const Json& params) {
@@ -92,24 +182,22 @@ Json CloudService::get_device_token(const Json& params) {
 }
 
 Json CloudService::register_box(const Json& params) {
-    if (user_tokens.count(text_member(params, "user_token")) == 0) {
+    if (!boxes.has_user_token(text_member(params, "user_token"))) {
         throw RequestError{refused, "Refused", "unknown user token"};
     }
     const Json macs = params.value("macs", Json());
     if (!macs.is_array() || macs.size() != 1 || !macs[0].is_string() || macs[0].get<std::string>().empty()) {
         throw RequestError{invalid_params, "Invalid params", "\"macs\" is not an array of one MAC address"};
     }
-    const auto number = device_ids.size() + 1;
-    const auto box =
-        device_ids.try_emplace(macs[0].get<std::string>(), "box-" + std::to_string(number)).first;
-    return {{"device_id", box->second}};
+    return {{"device_id", boxes.device_id(macs[0])}};
 }
 
 std::string CloudService::hand_out_user_token() {
     std::random_device random;
     char token[32];
     std::snprintf(token, sizeof token, "user-%08x%08x", random(), random());
-    return *user_tokens.insert(token).first;
+    boxes.add_user_token(token);
+    return token;
 }
 
 } // namespace cloud

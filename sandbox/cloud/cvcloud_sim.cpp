@@ -1,110 +1,128 @@
 #include <csignal>
 #include <cstdio>
-#include <ctime>
+#include <exception>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include <sys/socket.h>
-
-#include <httplib.h>
-
+#include "cloud/admin.h"
 #include "cloud/cloud_service.h"
+#include "cloud/fault.h"
+#include "cloud/transport.h"
+#include "cloud/web_server.h"
 #include "common/command_line.h"
 
 namespace {
 
-constexpr const char* address = "127.0.0.1";
-constexpr std::size_t request_limit = 1024 * 1024;
-
-void log_request(const std::string& service, const cloud::CloudService::Answer& answer) {
-    const std::time_t now = std::time(nullptr);
-    tm date{};
-    gmtime_r(&now, &date);
-    char time_text[32];
-    std::strftime(time_text, sizeof time_text, "%Y-%m-%dT%H:%M:%SZ", &date);
-    std::fprintf(stderr, "%s %s %s: %s\n", time_text, service.c_str(), answer.method.c_str(),
-                 answer.outcome.c_str());
-}
-
-} // namespace
-
-int main(int argc, char** argv) {
+struct Options {
     int port = 0;
+    int admin_port = 0;
     std::vector<std::string> partner_tokens{"desk-partner-token"};
     std::vector<std::string> temporary_tokens{"desk-temporary-token"};
-    cloud::CloudOptions options;
-    options.partner_id = "desk-partner";
-    CLI::App app(
-        "The maker's cloud of an appliance on a desk: JSON-RPC 2.0 over HTTP on the loopback. It prints "
-        "\"cvcloud-sim: listening on URL\", logs each request in one line to the standard error, and stops "
-        "on SIGTERM.",
-        "cvcloud-sim");
-    app.footer("Exit codes: 0 stopped by a signal, 1 could not start, 2 the command line is wrong");
-    app.add_option("--port", port, "Port to listen on; 0 takes a free one")
+    std::vector<std::string> faults;
+    std::string certificate_file;
+    std::string key_file;
+    cloud::CloudOptions cloud;
+};
+
+void add_options(CLI::App& app, Options& options) {
+    app.add_option("--port", options.port, "Port to listen on; 0 takes a free one")
         ->check(CLI::Range(0, 65535).description(""))
         ->type_name("PORT")
         ->capture_default_str();
-    app.add_option("--partner-id", options.partner_id, "The partner that may connect")
+    app.add_option("--admin-port", options.admin_port, "Port of the administration; 0 takes a free one")
+        ->check(CLI::Range(0, 65535).description(""))
+        ->type_name("PORT")
+        ->capture_default_str();
+    app.add_option("--partner-id", options.cloud.partner_id, "The partner that may connect")
         ->type_name("ID")
         ->capture_default_str();
-    app.add_option("--partner-token", partner_tokens, "A partner token that is good; may be repeated")
+    app.add_option("--partner-token", options.partner_tokens, "A partner token that is good; may be repeated")
         ->type_name("TOKEN")
         ->allow_extra_args(false)
         ->capture_default_str();
-    app.add_option("--temporary-token", temporary_tokens, "A temporary token that is good; may be repeated")
+    app.add_option("--temporary-token", options.temporary_tokens,
+                   "A temporary token that is good; may be repeated")
         ->type_name("TOKEN")
         ->allow_extra_args(false)
         ->capture_default_str();
-    if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
-        return *exit_code;
-    }
-    options.partner_tokens = {partner_tokens.begin(), partner_tokens.end()};
-    options.temporary_tokens = {temporary_tokens.begin(), temporary_tokens.end()};
+    app.add_option("--boxes", options.cloud.boxes_file,
+                   "SQLite file that keeps the boxes and the user tokens handed out [default: in memory]")
+        ->type_name("FILE");
+    app.add_option("--fault", options.faults, "Something that goes wrong, see below; may be repeated")
+        ->type_name("FAULT")
+        ->check(CLI::Validator(&cloud::check_fault, ""))
+        ->allow_extra_args(false);
+    CLI::Option* const certificate =
+        app.add_option("--tls-cert", options.certificate_file, "Serve https with this certificate, PEM")
+            ->type_name("FILE");
+    CLI::Option* const key =
+        app.add_option("--tls-key", options.key_file, "The certificate's private key, PEM")
+            ->type_name("FILE");
+    certificate->needs(key);
+    key->needs(certificate);
+}
 
-    // Blocked before the server starts its threads, so that only the wait below takes them.
+int serve(const CLI::App& app, const Options& options) {
+    // Blocked before the servers start their threads, so that only the wait below takes them.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGTERM);
     sigaddset(&stop_signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
 
-    cloud::CloudService service(options);
-    httplib::Server server;
-    server.set_payload_max_length(request_limit);
-    // An idle connection would hold up the stop.
-    server.set_keep_alive_max_count(1);
-    // The library's own choice, SO_REUSEPORT, would let two clouds share a port unnoticed.
-    server.set_socket_options([](socket_t socket) {
-        const int yes = 1;
-        setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
-    });
-    server.Post(R"(/(.+))", [&service](const httplib::Request& request, httplib::Response& response) {
-        const std::string name = request.matches[1];
-        const cloud::CloudService::Answer answer = service.answer(name, request.body);
-        log_request(name, answer);
-        response.set_content(
-            answer.document.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace),
-            "application/json");
-    });
-
-    if (port == 0) {
-        port = server.bind_to_any_port(address);
-    } else if (!server.bind_to_port(address, port)) {
-        sandbox::print_problem(app, "cannot listen on " + std::string(address) + ":" + std::to_string(port) +
-                                        ": the port is in use or not allowed; choose another --port");
-        return 1;
+    cloud::CloudService service(options.cloud);
+    service.add_faults(options.faults);
+    cloud::WebServer server(options.certificate_file, options.key_file);
+    cloud::Transport transport(service, server);
+    cloud::WebServer admin_server;
+    cloud::serve_administration(admin_server, service, transport);
+    for (auto [started, port, option] :
+         {std::tuple{&admin_server, options.admin_port, "--admin-port"}, {&server, options.port, "--port"}}) {
+        if (!started->start(port)) {
+            sandbox::print_problem(app, "cannot listen on 127.0.0.1:" + std::to_string(port) +
+                                            ": the port is in use or not allowed; choose another " + option);
+            return 1;
+        }
     }
-    std::printf("cvcloud-sim: listening on http://%s:%d\n", address, port);
+    std::printf("cvcloud-sim: administered on %s\ncvcloud-sim: listening on %s\n", admin_server.url().c_str(),
+                server.url().c_str());
     std::fflush(stdout);
-    std::thread listener([&server] { server.listen_after_bind(); });
     int signal = 0;
     sigwait(&stop_signals, &signal);
-    // A stop() before the listener runs would be lost.
-    while (!server.is_running()) {
-        std::this_thread::yield();
-    }
+    admin_server.stop();
+    transport.stop();
     server.stop();
-    listener.join();
     return 0;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    options.cloud.partner_id = "desk-partner";
+    CLI::App app(
+        "The maker's cloud of an appliance on a desk: JSON-RPC 2.0 over HTTP on the loopback. It prints "
+        "\"cvcloud-sim: listening on URL\", logs each request in one line to the standard error, and stops "
+        "on SIGTERM. What goes wrong is told with --fault, or with cvcloud-sim ctl while it runs.",
+        "cvcloud-sim");
+    app.footer(cloud::describe_faults() + "\nExit codes: 0 stopped by a signal or ctl succeeded, 1 could not "
+                                          "start or ctl found no cloud, 2 the "
+                                          "command line is wrong");
+    app.require_subcommand(0, 1);
+    add_options(app, options);
+    const cloud::Control control(app);
+    if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
+        return *exit_code;
+    }
+    if (control.is_wanted()) {
+        return control.run();
+    }
+    options.cloud.partner_tokens = {options.partner_tokens.begin(), options.partner_tokens.end()};
+    options.cloud.temporary_tokens = {options.temporary_tokens.begin(), options.temporary_tokens.end()};
+    try {
+        return serve(app, options);
+    } catch (const std::exception& error) {
+        sandbox::print_problem(app, error.what());
+        return 1;
+    }
 }
