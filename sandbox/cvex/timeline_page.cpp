@@ -38,7 +38,7 @@ ul.legend { margin: 0.7rem 0 0; padding: 0; list-style: none; display: flex; fle
     font-size: 13px; color: var(--muted); }
 ul.legend li { display: flex; align-items: center; gap: 0.5rem; }
 ul.legend svg { display: block; }
-main { overflow: auto; padding: 0 1.2rem 2rem; }
+main { overflow: auto; padding: 0 1.2rem 2rem; scroll-padding: 70px 0 30px; }
 svg { display: block; font-family: ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
 svg.head { position: sticky; top: 0; z-index: 1; background: var(--paper); }
 svg.head text { font: 650 15px system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; fill: var(--ink); }
@@ -485,7 +485,7 @@ std::string details_of(const Timeline& timeline) {
         ordered_json documents = ordered_json::array();
         for (const auto& [member, title] : {std::pair{"payload", "Payload"}, {"body", "Body"}}) {
             if (const auto text = event.members.find(member); text != event.members.end()) {
-                const ordered_json document = ordered_json::parse(text->get<std::string>(), nullptr, false);
+                const ordered_json document = parse_document(*text);
                 if (document.is_structured()) {
                     documents.push_back({title, document.dump(2)});
                 }

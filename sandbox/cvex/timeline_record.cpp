@@ -38,6 +38,14 @@ const std::map<std::string, std::map<std::string, Kind>> members_of_events{
     {"log", {{"level", Kind::integer}, {"line", Kind::text}}},
 };
 
+/// What tells which event was refused.
+const std::map<std::string, std::map<std::string, Kind>> members_of_refusals{
+    {"build", {{"method", Kind::text}}},
+    {"request", {{"request", Kind::number}, {"method", Kind::text}}},
+    {"reply", {{"request_id", Kind::number}}},
+    {"publish", {{"name", Kind::text}}},
+};
+
 bool is_of(Kind kind, const ordered_json& value) {
     switch (kind) {
     case Kind::text:
@@ -53,7 +61,7 @@ bool is_of(Kind kind, const ordered_json& value) {
 }
 
 ordered_json parse_line(const std::string& line) {
-    ordered_json document = ordered_json::parse(line, nullptr, false);
+    ordered_json document = parse_document(line);
     if (!document.is_object()) {
         throw std::invalid_argument("the line is not a JSON object; is it cut off?");
     }
@@ -74,6 +82,16 @@ std::string parse_head(const std::string& line) {
     return head["started"];
 }
 
+void check_members(const ordered_json& document, const std::map<std::string, Kind>& members,
+                   const std::string& name) {
+    for (const auto& [member, kind] : members) {
+        if (!has_member(document, member.c_str(), kind)) {
+            throw std::invalid_argument("\"" + member + "\" of the event \"" + name +
+                                        "\" is missing or of the wrong type");
+        }
+    }
+}
+
 RecordedEvent parse_event(const std::string& line, double previous_time) {
     ordered_json document = parse_line(line);
     const auto time = document.find("time");
@@ -89,16 +107,29 @@ RecordedEvent parse_event(const std::string& line, double previous_time) {
     if (members == members_of_events.end()) {
         throw std::invalid_argument("the event \"" + name + "\" is unknown");
     }
-    for (const auto& [member, kind] : members->second) {
-        if (!has_member(document, member.c_str(), kind)) {
-            throw std::invalid_argument("\"" + member + "\" of the event \"" + name +
-                                        "\" is missing or of the wrong type");
+    check_members(document, members->second, name);
+    if (name == "refused") {
+        const auto refused = members_of_refusals.find(document["of"]);
+        if (refused == members_of_refusals.end()) {
+            throw std::invalid_argument("\"of\" of the event \"refused\" is unknown");
         }
+        check_members(document, refused->second, name);
     }
     return {*time, name, std::move(document)};
 }
 
 } // namespace
+
+ordered_json parse_document(const std::string& text) {
+    constexpr int depth_limit = 64;
+    bool is_too_deep = false;
+    const auto watch_depth = [&](int depth, ordered_json::parse_event_t, ordered_json&) {
+        is_too_deep = is_too_deep || depth > depth_limit;
+        return !is_too_deep;
+    };
+    ordered_json document = ordered_json::parse(text, watch_depth, false);
+    return is_too_deep ? ordered_json(ordered_json::value_t::discarded) : document;
+}
 
 Record read_record(const std::string& path) {
     std::ifstream file(path);

@@ -27,7 +27,7 @@ def parse_arguments():
     parser.add_argument("--token-type", choices=["partner", "temporary"], default="partner")
     parser.add_argument("--mac", help="MAC address to register [default: that of the simulated eth2]")
     parser.add_argument("--record", metavar="DIR", type=Path,
-                        help="keep a record of the run as DIR/record.jsonl, for cvex timeline to draw; it holds the token")
+                        help="keep a record of the run, token included, as DIR/record.jsonl, for cvex timeline to draw")
     parser.add_argument("-v", "--verbose", action="store_true", help="show the logs of the cloud and the daemon")
     return parser.parse_args()
 

@@ -196,6 +196,7 @@ def test_a_record_cannot_steer_the_terminal(record_file):
     assert lines[4].endswith("log 2 ?2J?")
 
 
+REFUSAL = {"time": 1, "thread": "worker", "event": "refused", "name": "name"}
 GOOD_LINE = json.dumps(Events().command(1, 1, "name")[0])
 
 
@@ -212,8 +213,13 @@ GOOD_LINE = json.dumps(Events().command(1, 1, "name")[0])
     (json.dumps(HEAD) + "\n" + GOOD_LINE.replace('"command"', '"other"'), 2, 'the event "other" is unknown'),
     (json.dumps(HEAD) + "\n" + GOOD_LINE.replace('"payload": ""', '"payload": 5'), 2, '"payload"'),
     (json.dumps(HEAD) + "\n" + GOOD_LINE.replace('"request_id": 1', '"request_id": -1'), 2, '"request_id"'),
+    (json.dumps(HEAD) + "\n" + json.dumps({**REFUSAL, "of": "other"}), 2, '"of"'),
+    (json.dumps(HEAD) + "\n" + json.dumps({**REFUSAL, "of": "request"}), 2, '"method"'),
+    (json.dumps(HEAD) + "\n" + json.dumps({**REFUSAL, "of": "build"}), 2, '"method"'),
+    (json.dumps(HEAD) + "\n" + GOOD_LINE.replace("{", '{"deep": ' + "[" * 100000 + "]" * 100000 + ", "), 2,
+     "not a JSON object"),
     (json.dumps(HEAD) + "\n" + GOOD_LINE.replace("name", "\udcff"), 2, "not a JSON object"),
-])
+], ids=lambda value: ascii(value)[-30:])
 @pytest.mark.parametrize("with_page", [False, True])
 def test_a_broken_record_is_named_with_its_line(record_file, text, line, problem, with_page):
     record_file.write_text(text, encoding="utf-8", errors="surrogateescape")
@@ -300,9 +306,9 @@ def test_a_run_is_recorded_and_drawn(appliance, record_file):
 def register_box(*options):
     """Runs what ./run runs once it has built the programs."""
     script = Path(desk_module.__file__).with_name("register_box.py")
-    return subprocess.run(["/usr/bin/python3", "-B", str(script), "--build-dir", str(BUILD_DIRECTORY), *map(str, options)],
-                          stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=False,
-                          timeout=desk_module.START_TIMEOUT)
+    command = ["/usr/bin/python3", "-B", str(script), "--build-dir", str(BUILD_DIRECTORY), *map(str, options)]
+    return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8",
+                          check=False, timeout=desk_module.START_TIMEOUT)
 
 
 def test_run_keeps_the_record_where_it_is_told(tmp_path):

@@ -235,6 +235,13 @@ def test_a_hostile_record_is_shown_as_text(page):
     assert attack in driver.find_element(By.TAG_NAME, "table").text
 
 
+def test_a_document_nested_without_end_is_left_as_text(page):
+    body = "[" * 100000 + "]" * 100000
+    driver = page(Events().response(1, 1, "connect", body=body))
+    assert texts(driver, "svg.diagram .label") == ["connect: answer"]
+    assert texts(driver, "aside h3") == ["LINE OF THE RECORD"]
+
+
 def contrast(driver, selector):
     """The contrast of the text with the page as the accessibility guidelines count it; 4.5 is enough to read."""
     def luminance(color):
