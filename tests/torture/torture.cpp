@@ -304,6 +304,9 @@ int main(int argc, char** argv) {
                     points += fired > 0 ? 1 : 0;
                     ++runs;
                 } while (fired > 0);
+                if (quick) {
+                    break;
+                }
             }
         }
     }
