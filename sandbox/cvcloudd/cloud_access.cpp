@@ -2,6 +2,8 @@
 
 #include <array>
 #include <cstring>
+#include <fstream>
+#include <iterator>
 #include <limits>
 #include <stdexcept>
 #include <utility>
@@ -52,6 +54,17 @@ void check_url(const std::string& url) {
     }
 }
 
+void check_authorities(const std::string& path) {
+    if (path.empty()) {
+        return;
+    }
+    std::ifstream file(path);
+    const std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    if (text.find("-----BEGIN CERTIFICATE-----") == std::string::npos) {
+        throw std::runtime_error("--ca-file " + path + " cannot be read or holds no certificate in PEM form");
+    }
+}
+
 } // namespace
 
 /// One request on its way.
@@ -68,9 +81,21 @@ struct CloudAccess::Transfer {
     std::size_t response_limit = 0;
     bool too_long = false;
     std::array<char, CURL_ERROR_SIZE> error{};
+    bool is_sent = false;
     std::uint32_t status = 0;
     std::string failure;
     std::unique_ptr<CURL, Releaser<curl_easy_cleanup>> handle;
+
+    /// A handler may send a text of its own making; it goes out all the same, without a name.
+    void name_request() {
+        const ordered_json document = ordered_json::parse(request, nullptr, false);
+        if (document.is_object() && document.contains("method") && document["method"].is_string()) {
+            method = document["method"];
+        }
+        if (document.is_object() && document.contains("id") && document["id"].is_number_unsigned()) {
+            number = document["id"];
+        }
+    }
 
     static std::size_t receive(const char* data, std::size_t, std::size_t length, void* context) {
         auto& transfer = *static_cast<Transfer*>(context);
@@ -88,6 +113,10 @@ CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_ex
     : options(std::move(access_options)), exchange(message_exchange), recorder(boundary_recorder),
       multi(curl_multi_init()), json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
     check_url(options.url);
+    check_authorities(options.authorities_file);
+    for (const std::string& refusal : options.refusals) {
+        refusals.add(refusal);
+    }
     partner_id = options.partner_id;
     curl_multi_setopt(multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connection_limit);
     thread = std::thread(&CloudAccess::run, this);
@@ -111,11 +140,25 @@ int CloudAccess::send_request(const char* request, const char* service, cvtessel
     transfer->service = service;
     transfer->callback = callback;
     transfer->user_data = user_data;
+    transfer->url = without_trailing_slash(options.url) + "/" + transfer->service;
+    transfer->name_request();
     recorder.request(service, request);
-    if (!submitted.put(std::move(transfer))) {
+    if (refusals.take(Operation::request)) {
         recorder.request_refused(request);
         return 1;
     }
+    if (submitted.put(std::move(transfer))) {
+        return 0;
+    }
+    // A handler that sends again whenever it is called back would never come to an end.
+    thread_local bool is_giving_up = false;
+    if (is_giving_up) {
+        recorder.request_refused(request);
+        return 1;
+    }
+    is_giving_up = true;
+    give_up(*transfer);
+    is_giving_up = false;
     return 0;
 }
 
@@ -134,6 +177,10 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
         recorder.build_refused(method);
         return nullptr;
     }
+    if (refusals.take(Operation::build)) {
+        recorder.build_refused(method);
+        return nullptr;
+    }
     // The members are read on the handler's thread only: it is the one that knows when it has written them.
     if (add_connect_fields) {
         members["user_token"] = user_token;
@@ -148,7 +195,7 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
 int CloudAccess::publish_message(const char* name, const void* data, unsigned int length) {
     const std::string payload(static_cast<const char*>(data), length);
     recorder.publish(name, payload);
-    if (!exchange.publish(name, payload)) {
+    if (refusals.take(Operation::publish) || !exchange.publish(name, payload)) {
         recorder.publish_refused(name);
         return 1;
     }
@@ -188,16 +235,8 @@ void CloudAccess::run() {
 }
 
 void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
-    // A handler may send a text of its own making; it goes out all the same, without a name.
-    const ordered_json request = ordered_json::parse(transfer->request, nullptr, false);
-    if (request.is_object() && request.contains("method") && request["method"].is_string()) {
-        transfer->method = request["method"];
-    }
-    if (request.is_object() && request.contains("id") && request["id"].is_number_unsigned()) {
-        transfer->number = request["id"];
-    }
-    transfer->url = without_trailing_slash(options.url) + "/" + transfer->service;
     transfer->response_limit = options.response_limit;
+    transfer->is_sent = true;
     publish_progress("sent", *transfer);
 
     CURL* const handle = curl_easy_init();
@@ -215,6 +254,10 @@ void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer->request.size()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options.request_timeout.count()));
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    if (!options.authorities_file.empty()) {
+        curl_easy_setopt(handle, CURLOPT_CAINFO, options.authorities_file.c_str());
+        curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
+    }
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::receive);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer->error.data());
@@ -254,9 +297,13 @@ void CloudAccess::collect_ended() {
 void CloudAccess::abandon_all() {
     for (const auto& [handle, transfer] : active) {
         curl_multi_remove_handle(multi.get(), handle);
-        end(*transfer, CURLE_ABORTED_BY_CALLBACK, "given up because cvcloudd is stopping");
+        give_up(*transfer);
     }
     active.clear();
+}
+
+void CloudAccess::give_up(Transfer& transfer) {
+    end(transfer, CURLE_ABORTED_BY_CALLBACK, "given up because cvcloudd is stopping");
 }
 
 void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::string& error) {
@@ -265,7 +312,9 @@ void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::strin
         transfer.failure = transfer.url + ": " + error;
         log_line(1, "request " + std::to_string(transfer.number) + " failed: " + transfer.failure);
     }
-    publish_progress("ended", transfer);
+    if (transfer.is_sent) {
+        publish_progress("ended", transfer);
+    }
     recorder.response(transfer.number, transfer.service, transfer.method, status, transfer.failure,
                       transfer.response);
     transfer.callback(new OwnedResponse(status, std::move(transfer.response)), transfer.user_data);

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include <curl/curl.h>
 
@@ -15,6 +16,7 @@
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/mailbox.h"
 #include "cvcloudd/recorder.h"
+#include "cvcloudd/refusals.h"
 
 namespace cvcloudd {
 
@@ -31,9 +33,14 @@ struct CloudAccessOptions {
     /// http or https, without the service's path.
     std::string url;
     std::string partner_id;
+    /// PEM file of the authorities that an https cloud's certificate has to come from; those of the system
+    /// when empty.
+    std::string authorities_file;
     std::chrono::milliseconds request_timeout{10000};
     /// Longest response body in bytes; a longer one ends the request as failed.
     std::size_t response_limit = 1024 * 1024;
+    /// What to refuse handlers on purpose, see Refusals::add().
+    std::vector<std::string> refusals;
 };
 
 /// The cloud access object: JSON-RPC 2.0 over HTTP, the service name as the path.
@@ -46,18 +53,22 @@ struct CloudAccessOptions {
 /// or the transfer library's error number (below 100: 7 cannot connect, 28 timed out, 42 given up because the
 /// daemon stops, 63 longer than the limit). The body is what came, unchanged.
 ///
-/// An accepted request has its callback called exactly once, on this object's own thread, and never from
-/// inside send_request().
+/// An accepted request has its callback called exactly once, on this object's own thread and never from
+/// inside send_request(). Only after shut_down() is a request not sent any more: it fails at once, and its
+/// callback is called from inside send_request(). To refuse it would make a handler that retries go through
+/// all its pauses.
 class CloudAccess final : public CvCloudAPI {
 public:
-    /// Throws std::runtime_error when the URL cannot be used. `exchange` and `recorder` outlive the object.
+    /// Throws std::runtime_error when the URL or the file of authorities cannot be used. `exchange` and
+    /// `recorder` outlive the object.
     CloudAccess(CloudAccessOptions options, Exchange& exchange, Recorder& recorder);
     ~CloudAccess();
     CloudAccess(const CloudAccess&) = delete;
     CloudAccess& operator=(const CloudAccess&) = delete;
 
-    /// Refuses every further request, ends the outstanding ones as failed and returns when the last callback
-    /// has returned: none is called afterwards. For the dispatch thread.
+    /// Sends no further request, ends the outstanding ones as failed and returns when their last callback has
+    /// returned. A callback that is called afterwards is called by the handler's own send_request(). For the
+    /// dispatch thread.
     void shut_down();
 
     int send_request(const char* request, const char* service, cvtessel_callback callback,
@@ -74,6 +85,7 @@ private:
 
     void run();
     void begin(std::unique_ptr<Transfer> transfer);
+    void give_up(Transfer& transfer);
     void collect_ended();
     void abandon_all();
     void end(Transfer& transfer, std::uint32_t status, const std::string& error);
@@ -82,6 +94,7 @@ private:
     const CloudAccessOptions options;
     Exchange& exchange;
     Recorder& recorder;
+    Refusals refusals;
     std::atomic<std::uint64_t> last_request_number = 0;
     Mailbox<std::unique_ptr<Transfer>> submitted;
     std::unique_ptr<CURLM, Releaser<curl_multi_cleanup>> multi;

@@ -21,6 +21,7 @@
 #include "cvcloudd/handler_library.h"
 #include "cvcloudd/log_line.h"
 #include "cvcloudd/recorder.h"
+#include "cvcloudd/refusals.h"
 #include "cvutils_control.h"
 
 namespace cvcloudd {
@@ -34,6 +35,7 @@ struct Options {
     std::string record_file;
     double request_timeout_seconds = 10;
     int log_level = 2;
+    bool deliver_unknown = false;
     CloudAccessOptions cloud;
 };
 
@@ -68,8 +70,18 @@ private:
 /// The loaded handlers and who of them takes which command. For the dispatch thread.
 class Handlers {
 public:
+    Handlers(CloudAccess& cloud_access, bool delivers_unknown)
+        : cloud(cloud_access), deliver_unknown(delivers_unknown) {}
+    /// A handler is destroyed only when no command can reach it any more, and no callback but one that its
+    /// own send_request() calls.
+    ~Handlers() {
+        cloud.shut_down();
+    }
+    Handlers(const Handlers&) = delete;
+    Handlers& operator=(const Handlers&) = delete;
+
     /// Throws std::runtime_error when a library cannot be loaded or a mandatory handler is not ready.
-    void load(const std::string& path, CloudAccess& cloud) {
+    void load(const std::string& path) {
         auto library = std::make_unique<HandlerLibrary>(path);
         std::vector<std::string> commands;
         if (!library->init(cloud, commands)) {
@@ -89,21 +101,37 @@ public:
         libraries.push_back(std::move(library));
     }
 
-    /// Null when nobody subscribed to the command.
-    HandlerLibrary* subscriber(const std::string& command) const {
+    /// Who gets the command: its subscriber, else the first handler when unknown commands are delivered, else
+    /// nobody, null.
+    HandlerLibrary* receiver(const std::string& command) const {
         const auto found = subscribers.find(command);
-        return found != subscribers.end() ? found->second : nullptr;
+        if (found != subscribers.end()) {
+            return found->second;
+        }
+        return deliver_unknown && !libraries.empty() ? libraries.front().get() : nullptr;
     }
 
 private:
+    CloudAccess& cloud;
+    const bool deliver_unknown;
     std::vector<std::unique_ptr<HandlerLibrary>> libraries;
     std::map<std::string, HandlerLibrary*> subscribers;
 };
 
+/// For the option: an empty text, or what is wrong with a refusal.
+std::string check_refusal(const std::string& text) {
+    try {
+        Refusals().add(text);
+        return {};
+    } catch (const std::invalid_argument& error) {
+        return error.what();
+    }
+}
+
 void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
              Recorder& recorder) {
     const cvex::Command& command = received.command;
-    HandlerLibrary* const handler = handlers.subscriber(command.name);
+    HandlerLibrary* const handler = handlers.receiver(command.name);
     if (handler == nullptr) {
         log_line(1, "no handler takes the command " + command.name);
         exchange.reply(received.request_id,
@@ -148,19 +176,17 @@ void serve(const Options& options) {
     Recorder recorder(options.record_file);
     Exchange exchange(options.run_directory);
     CloudAccess cloud(options.cloud, exchange, recorder);
-    Handlers handlers;
+    Handlers handlers(cloud, options.deliver_unknown);
     for (const std::string& path : options.handlers) {
-        handlers.load(path, cloud);
+        handlers.load(path);
     }
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
     dispatch(stop, handlers, exchange, recorder);
 
-    // A handler is destroyed only when neither a command nor a callback can reach it any more. What it
-    // replies while it ends is still sent: the exchange goes last.
     log_line(2, "stopping");
+    // What a handler replies while it ends is still sent: the exchange goes last.
     exchange.refuse_commands();
-    cloud.shut_down();
 }
 
 } // namespace
@@ -194,6 +220,10 @@ int main(int argc, char** argv) {
     app.add_option("--partner-id", options.cloud.partner_id,
                    "Partner that the box is configured for [default: none]")
         ->type_name("ID");
+    app.add_option("--ca-file", options.cloud.authorities_file,
+                   "Authorities, PEM, that the certificate of an https cloud has to come from [default: the "
+                   "system's]")
+        ->type_name("FILE");
     app.add_option("--request-timeout", options.request_timeout_seconds, "How long a cloud request may take")
         ->check(CLI::Range(0.001, 86400.0).description(""))
         ->type_name("SECONDS")
@@ -203,6 +233,16 @@ int main(int argc, char** argv) {
            "Keep a record of what crosses the handlers' boundary in this file, which is replaced; cvex "
            "timeline draws it [default: none]")
         ->type_name("FILE");
+    app.add_option(
+           "--refuse", options.cloud.refusals,
+           "Refuse the handlers' next COUNT calls of an operation, all without a count: build or request "
+           "(a cloud request), or publish (a message); may be repeated")
+        ->type_name("OPERATION[*COUNT]")
+        ->check(CLI::Validator(&cvcloudd::check_refusal, ""))
+        ->allow_extra_args(false);
+    app.add_flag(
+        "--deliver-unknown", options.deliver_unknown,
+        "Deliver a command that no handler subscribed to to the first handler instead of refusing it");
     app.add_option("--log-level", options.log_level,
                    "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
         ->check(CLI::Range(0, 3).description(""))

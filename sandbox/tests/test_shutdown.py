@@ -33,13 +33,16 @@ def test_stops_during_a_pending_request(appliance, silent_cloud):
 
 def test_stops_during_a_retry_pause(appliance, closed_port):
     appliance.cloud_url = f"http://127.0.0.1:{closed_port}"
-    # The one real pause of these tests; its length bounds the daemon's end.
+    # Real pauses, to stop in the first of three.
     daemon = appliance.start_daemon("--log-level", "3",
-                                    settings={"/daemons/cvcloudd/registration/retry_interval": 1})
+                                    settings={"/daemons/cvcloudd/registration/retry_num": 3,
+                                              "/daemons/cvcloudd/registration/retry_interval": 1})
     client = appliance.start(appliance.cvex_command("start", "--json", "--token", "any"))
     # The second time that the handler counts its tries, the first has failed and the pause begins.
-    daemon.wait_for_line("Number of tries left is: 1$")
+    daemon.wait_for_line("Number of tries left is: 3$")
     assert daemon.stop() == 0
+    # A request for each pause that was waited for, behind the first.
+    assert len([line for line in daemon.lines if "full request: " in line]) == 2
     assert json.loads(client.wait_for_line("^{").string)["result"] in ("error_cvnc", "error_internal")
     assert client.wait() == 1
 

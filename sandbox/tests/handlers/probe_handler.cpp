@@ -76,8 +76,10 @@ public:
 
     void uninit() override {
         log_text("accepted " + std::to_string(accepted) + ", called back " + std::to_string(called_back));
-        Probe late{0, {0}, {0}};
-        log_text("a request at the end gets " + std::to_string(send(&late, 0)));
+        const unsigned before = called_back;
+        const int result = send(new Probe{0, {1}, {0}}, 0);
+        log_text("a request at the end gets " + std::to_string(result) + " and " +
+                 std::to_string(called_back - before) + " callback");
     }
 
     void handle(const Message* message) override {
