@@ -535,6 +535,7 @@ int __wrap_close(int descriptor) {
     if (outside > 0) {
         return __real_close(descriptor);
     }
+    underneath::join_rescuer(); // It may be about to leave its write().
     const bool fail = failing(Call::close);
     const int error = errno;
     // The system releases the descriptor of a close() that fails, too.
