@@ -146,6 +146,7 @@ class Desk:
         self.cloud = None
         self.daemon = None
         self.cloud_url = None
+        self.admin_url = None
 
     def __enter__(self):
         # A socket address holds 107 bytes; the user's own directory for temporary files may be deep.
@@ -170,13 +171,14 @@ class Desk:
             self._started.append(program)
         return program
 
-    def start_cloud(self, port=0, tokens=None):
+    def start_cloud(self, port=0, tokens=None, options=()):
         """Starts the simulated cloud and waits until it listens. `tokens` is the good token of each type."""
         tokens = {**TOKENS, **(tokens or {})}
         self.cloud = self.start([
             self.programs["cvcloud-sim"], "--port", port, "--partner-id", PARTNER_ID,
-            "--partner-token", tokens["partner"], "--temporary-token", tokens["temporary"]])
-        self.cloud_url = self.cloud.wait_for_line(r"listening on (http://\S+)")[1]
+            "--partner-token", tokens["partner"], "--temporary-token", tokens["temporary"], *options])
+        self.admin_url = self.cloud.wait_for_line(r"administered on (http://\S+)")[1]
+        self.cloud_url = self.cloud.wait_for_line(r"listening on (https?://\S+)")[1]
         return self.cloud
 
     @property
