@@ -32,6 +32,7 @@ import argparse
 import http.client
 import json
 import re
+import signal
 import sys
 import threading
 from pathlib import Path
@@ -492,6 +493,8 @@ def main():
     desk.exit_on_signals()
     try:
         if arguments.list:
+            # A reader that has seen enough, such as head, ends the list.
+            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
             list_scenarios()
             return 0
         if arguments.record:
