@@ -2,6 +2,7 @@
 talks to them with cvex, and leaves nothing behind."""
 
 import contextlib
+import http.client
 import json
 import re
 import shutil
@@ -180,6 +181,17 @@ class Desk:
         self.admin_url = self.cloud.wait_for_line(r"administered on (http://\S+)")[1]
         self.cloud_url = self.cloud.wait_for_line(r"listening on (https?://\S+)")[1]
         return self.cloud
+
+    def ask_cloud(self, method, path, document=None):
+        """One request to the administration of the cloud; returns the document that it answers with."""
+        connection = http.client.HTTPConnection(self.admin_url.removeprefix("http://"), timeout=START_TIMEOUT)
+        connection.request(method, path, None if document is None else json.dumps(document))
+        response = connection.getresponse()
+        answer = json.loads(response.read())
+        connection.close()
+        if response.status != http.client.OK:
+            raise DeskError(answer["error"])
+        return answer
 
     @property
     def settings_file(self):

@@ -29,7 +29,6 @@ been published, word by word. There is one retry without a pause unless the sett
 """
 
 import argparse
-import http.client
 import json
 import re
 import signal
@@ -305,21 +304,10 @@ class Player:
         self._desk.start_cloud(port, options=options)
 
     def _stop_cloud(self, line):
-        self._requests += self._ask_cloud("GET", "/requests")
+        self._requests += self._desk.ask_cloud("GET", "/requests")
         if self._desk.cloud.stop() != 0:
             self.scenario.fail(line, f"the cloud ended with exit code {self._desk.cloud.process.returncode}")
         self._desk.cloud = None
-
-    def _ask_cloud(self, method, path, document=None):
-        connection = http.client.HTTPConnection(self._desk.admin_url.removeprefix("http://"),
-                                                timeout=desk.START_TIMEOUT)
-        connection.request(method, path, None if document is None else json.dumps(document))
-        response = connection.getresponse()
-        answer = json.loads(response.read())
-        connection.close()
-        if response.status != http.client.OK:
-            raise desk.DeskError(answer["error"])
-        return answer
 
     def _start_daemon(self):
         directory = self._record_directory or self._desk.run_directory
@@ -351,9 +339,9 @@ class Player:
         elif action == "faults":
             try:
                 if argument == "clear":
-                    self._ask_cloud("DELETE", "/faults")
+                    self._desk.ask_cloud("DELETE", "/faults")
                 else:
-                    self._ask_cloud("POST", "/faults", argument)
+                    self._desk.ask_cloud("POST", "/faults", argument)
             except desk.DeskError as error:
                 self.scenario.fail(line, error)
         elif action == "cloud":
