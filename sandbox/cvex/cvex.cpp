@@ -12,6 +12,7 @@
 
 #include "common/command_line.h"
 #include "cvex/client.h"
+#include "cvex/settings_command.h"
 #include "cvex/timeline.h"
 
 namespace {
@@ -28,7 +29,7 @@ enum ExitCode : int {
 
 constexpr const char* footer = R"(Exit codes:
   0  the command succeeded: the reply's "result" is "ok", or no reply was asked for
-  1  it was accepted and failed; what stopped it is in the reply's "reason"
+  1  it was accepted and failed; what stopped it is in the reply's "reason"; or a setting is not set
   2  the command line is wrong, or a file that it names cannot be used
   3  it was refused: bad arguments, a registration in progress, nothing to retry, unknown command
   4  no reply came within --timeout
@@ -292,6 +293,10 @@ int main(int argc, char** argv) {
                                "Show the log's lines too; the page always has them");
     timeline_command->preparse_callback([run_directory](std::size_t) { run_directory->required(false); });
 
+    const cvex::SettingsCommand settings_command(app, options.run_directory);
+    settings_command.command->preparse_callback(
+        [run_directory](std::size_t) { run_directory->required(false); });
+
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
         return *exit_code;
     }
@@ -306,6 +311,9 @@ int main(int argc, char** argv) {
         }
         if (listen_command->parsed()) {
             return listen(options);
+        }
+        if (settings_command.command->parsed()) {
+            return settings_command.run(app);
         }
         if (timeline_command->parsed()) {
             return draw_timeline(app, options);

@@ -77,14 +77,14 @@ def test_mandatory_handler_is_not_ready(without_cloud, handlers):
                     handlers["unready_mandatory"], "mandatory", "not ready")
 
 
-@pytest.mark.parametrize("text, line, problem", [
-    ('{\n    "a": 1,\n    b\n}\n', 3, "'b'"),
-    ("", 1, ""),
-    ("[1]\n", 1, "object"),
+@pytest.mark.parametrize("text, place, problem", [
+    ('{\n    "a": 1,\n    b\n}\n', "3:5", "'b'"),
+    ("", "1:1", ""),
+    ("[1]\n", "1:1", "object"),
 ])
-def test_settings_are_not_json(without_cloud, text, line, problem):
+def test_settings_are_not_json(without_cloud, text, place, problem):
     without_cloud.settings_file.write_text(text, encoding="utf-8")
-    assert_one_line(run(without_cloud.daemon_command()), 1, f"{without_cloud.settings_file}:{line}: ", problem)
+    assert_one_line(run(without_cloud.daemon_command()), 1, f"{without_cloud.settings_file}:{place}: ", problem)
 
 
 def test_settings_are_missing(without_cloud):
@@ -96,7 +96,7 @@ def test_settings_are_missing(without_cloud):
 def test_setting_of_the_wrong_type_is_reported(appliance):
     appliance.start_cloud()
     daemon = appliance.start_daemon(settings={"/daemons/cvcloudd/registration/box_name": 5})
-    daemon.wait_for_line(rf'{appliance.settings_file}: "/daemons/cvcloudd/registration/box_name" is not a text')
+    daemon.wait_for_line(rf'{appliance.settings_file}:5:48: "/daemons/cvcloudd/registration/box_name" is not a text')
     appliance.register()
 
 

@@ -1,0 +1,187 @@
+#include "cvex/settings_command.h"
+
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <limits>
+#include <memory>
+#include <optional>
+
+#include <nlohmann/json.hpp>
+
+#include "cvutils/settings_file.h"
+
+namespace cvex {
+
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr int exit_not_set = 1;
+
+enum class Type { integer, text };
+
+/// The type that the registration handler, or the desk, reads the key as; nothing for the keys of others.
+std::optional<Type> type_of(const std::string& key) {
+    const std::string registration = "/daemons/cvcloudd/registration/";
+    for (const char* name : {"retry_num", "retry_interval"}) {
+        if (key == registration + name) {
+            return Type::integer;
+        }
+    }
+    for (const char* name : {"register_interface", "setup_type", "box_name", "device_model"}) {
+        if (key == registration + name) {
+            return Type::text;
+        }
+    }
+    const std::string interfaces = "/network/interfaces/";
+    const std::string address = "/mac";
+    const bool is_address = key.size() > interfaces.size() + address.size() &&
+                            key.compare(0, interfaces.size(), interfaces) == 0 &&
+                            key.compare(key.size() - address.size(), address.size(), address) == 0;
+    return is_address ? std::optional(Type::text) : std::nullopt;
+}
+
+bool is_int(const json_t* value) {
+    return json_is_integer(value) && json_integer_value(value) >= std::numeric_limits<int>::min() &&
+           json_integer_value(value) <= std::numeric_limits<int>::max();
+}
+
+std::optional<int> parse_int(const std::string& text) {
+    int number = 0;
+    const char* const end = text.data() + text.size();
+    const auto result = std::from_chars(text.data(), end, number);
+    return result.ec == std::errc() && result.ptr == end ? std::optional(number) : std::nullopt;
+}
+
+ordered_json to_json(const json_t* value) {
+    const std::unique_ptr<char, void (*)(void*)> text(json_dumps(value, JSON_ENCODE_ANY), &std::free);
+    return ordered_json::parse(text.get());
+}
+
+/// A value that no reader of the store can use: neither an integer nor a text, or not what the key is read
+/// as.
+std::string problem_of(const settings::File& store, const std::string& key) {
+    const std::optional<Type> type = type_of(key);
+    const json_t* const value = store.value(key);
+    const char* wanted = nullptr;
+    if (type == Type::integer && !is_int(value)) {
+        wanted = "an integer";
+    } else if (type == Type::text && !json_is_string(value)) {
+        wanted = "a text";
+    } else if (!type && !is_int(value) && !json_is_string(value)) {
+        wanted = "an integer or a text";
+    }
+    return wanted == nullptr ? std::string()
+                             : "settings file " + store.place(key) + ": \"" + key + "\" is not " + wanted +
+                                   ": correct it with cvex settings set";
+}
+
+/// For a person: a text as it is.
+std::string to_text(const json_t* value) {
+    return json_is_string(value) ? json_string_value(value) : to_json(value).dump();
+}
+
+} // namespace
+
+SettingsCommand::SettingsCommand(CLI::App& app, const std::string& client_run_directory)
+    : run_directory(client_run_directory) {
+    command = app.add_subcommand(
+        "settings", "Read or edit the settings store in its file; the next start of cvcloudd reads it anew");
+    command->fallthrough();
+    command->require_subcommand(1);
+    command
+        ->add_option("--file", given_file, "File of the store [default: settings.json in the run directory]")
+        ->type_name("FILE");
+    command->add_flag("--json", as_json,
+                      "Print {\"key\": ..., \"value\": ...}, or for list one object of key to value");
+
+    get_command = command->add_subcommand("get", "Print the value of a key");
+    set_command = command->add_subcommand(
+        "set", "Set a key; the file is replaced at once and whole, everything else in it stays");
+    for (CLI::App* subcommand : {get_command, set_command}) {
+        subcommand->add_option("key", key, "Key, for example /daemons/cvcloudd/registration/retry_num")
+            ->type_name("")
+            ->required();
+    }
+    set_command
+        ->add_option("value", value,
+                     "Integer or text; known keys take only their type. Put -- before a value that begins "
+                     "with a minus")
+        ->type_name("")
+        ->required();
+    set_command->add_flag("--text", as_text, "Store a text even if it reads as an integer");
+    command->add_subcommand("list", "Print every key with its value");
+}
+
+std::string SettingsCommand::file() const {
+    return given_file.empty() ? run_directory + "/settings.json" : given_file;
+}
+
+int SettingsCommand::run(const CLI::App& app) const {
+    if (given_file.empty() && run_directory.empty()) {
+        sandbox::print_problem(app, "--file or --run-dir is required; see cvex settings --help");
+        return sandbox::exit_usage;
+    }
+    try {
+        return get_command->parsed() ? get(app) : set_command->parsed() ? set(app) : list(app);
+    } catch (const settings::FileError& error) {
+        sandbox::print_problem(app, error.what());
+        return sandbox::exit_usage;
+    }
+}
+
+int SettingsCommand::get(const CLI::App& app) const {
+    const settings::File store(file());
+    const json_t* const stored = store.value(key);
+    if (stored == nullptr) {
+        sandbox::print_problem(app, "\"" + key + "\" is not set in " + file() + "; its reader has a default");
+        return exit_not_set;
+    }
+    if (const std::string problem = problem_of(store, key); !problem.empty()) {
+        sandbox::print_problem(app, problem);
+        return sandbox::exit_usage;
+    }
+    const std::string text =
+        as_json ? ordered_json{{"key", key}, {"value", to_json(stored)}}.dump() : to_text(stored);
+    std::printf("%s\n", text.c_str());
+    return 0;
+}
+
+int SettingsCommand::set(const CLI::App& app) const {
+    const std::optional<Type> type = type_of(key);
+    const std::optional<int> number = parse_int(value);
+    if (type == Type::integer && (as_text || !number)) {
+        sandbox::print_problem(app, "\"" + key + "\" is an integer of 32 bits, not the text '" + value + "'");
+        return sandbox::exit_usage;
+    }
+    const ordered_json stored =
+        number && !as_text && type != Type::text ? ordered_json(*number) : ordered_json(value);
+    settings::set(file(), key, stored.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+    if (as_json) {
+        std::printf("%s\n", ordered_json{{"key", key}, {"value", stored}}.dump().c_str());
+    }
+    return 0;
+}
+
+int SettingsCommand::list(const CLI::App& app) const {
+    const settings::File store(file());
+    int exit_code = 0;
+    ordered_json members = ordered_json::object();
+    for (const std::string& name : store.keys()) {
+        if (const std::string problem = problem_of(store, name); !problem.empty()) {
+            sandbox::print_problem(app, problem);
+            exit_code = sandbox::exit_usage;
+        } else if (as_json) {
+            members[name] = to_json(store.value(name));
+        } else {
+            std::printf("%s = %s\n", name.c_str(), to_text(store.value(name)).c_str());
+        }
+    }
+    if (as_json) {
+        std::printf("%s\n", members.dump().c_str());
+    }
+    return exit_code;
+}
+
+} // namespace cvex
