@@ -13,6 +13,7 @@
 
 #include "cvcloudd/log_line.h"
 #include "cvex/wire.h"
+#include "cvutils_control.h"
 
 namespace cvcloudd {
 
@@ -315,6 +316,7 @@ void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::strin
     if (transfer.is_sent) {
         publish_progress("ended", transfer);
     }
+    cv::log::learn_tokens(transfer.response);
     recorder.response(transfer.number, transfer.service, transfer.method, status, transfer.failure,
                       transfer.response);
     transfer.callback(new OwnedResponse(status, std::move(transfer.response)), transfer.user_data);

@@ -36,6 +36,7 @@ struct Options {
     double request_timeout_seconds = 10;
     int log_level = 2;
     bool deliver_unknown = false;
+    bool mask_tokens = false;
     CloudAccessOptions cloud;
 };
 
@@ -128,9 +129,23 @@ std::string check_refusal(const std::string& text) {
     }
 }
 
+std::string set_log_level(const std::string& payload) {
+    if (payload.size() != 1 || payload[0] < '0' || payload[0] > '3') {
+        return error_reply("error_invalid_arguments", "The log level is 0, 1, 2 or 3");
+    }
+    const int level = payload[0] - '0';
+    __atomic_store_n(&cv::log::current_level, level, __ATOMIC_RELAXED);
+    return R"({"result": "ok", "log_level": )" + payload + "}";
+}
+
 void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
              Recorder& recorder) {
     const cvex::Command& command = received.command;
+    if (command.name == cvex::log_level_command) {
+        exchange.reply(received.request_id, set_log_level(command.payload));
+        return;
+    }
+    cv::log::learn_tokens(command.payload);
     HandlerLibrary* const handler = handlers.receiver(command.name);
     if (handler == nullptr) {
         log_line(1, "no handler takes the command " + command.name);
@@ -243,17 +258,26 @@ int main(int argc, char** argv) {
     app.add_flag(
         "--deliver-unknown", options.deliver_unknown,
         "Deliver a command that no handler subscribed to to the first handler instead of refusing it");
-    app.add_option("--log-level", options.log_level,
-                   "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details")
+    app.add_option(
+           "--log-level", options.log_level,
+           "Most detailed level to log: 0 errors, 1 warnings, 2 information, 3 details; cvex log-level "
+           "changes it later")
         ->check(CLI::Range(0, 3).description(""))
         ->type_name("LEVEL")
         ->capture_default_str();
+    app.add_flag(
+        "--mask-tokens", options.mask_tokens,
+        "Log \"***\" in place of the tokens of commands and of the cloud's answers; a record has them "
+        "all the same");
     if (const auto exit_code = sandbox::read_command_line(app, argc, argv)) {
         return *exit_code;
     }
     options.cloud.request_timeout = std::chrono::ceil<std::chrono::milliseconds>(
         std::chrono::duration<double>(options.request_timeout_seconds));
     __atomic_store_n(&cv::log::current_level, options.log_level, __ATOMIC_RELAXED);
+    if (options.mask_tokens) {
+        cv::log::mask_tokens();
+    }
     // A log whose reader has gone must not end the daemon.
     std::signal(SIGPIPE, SIG_IGN);
     curl_global_init(CURL_GLOBAL_DEFAULT);

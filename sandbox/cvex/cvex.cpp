@@ -44,6 +44,7 @@ struct Options {
     std::string payload;
     std::string record_file;
     std::string page_file;
+    int log_level = 0;
     double timeout_seconds = 60;
     bool as_json = false;
     bool no_reply = false;
@@ -183,6 +184,12 @@ int send(const CLI::App& app, const Options& options) {
     return converse(app, options, {type, options.name, options.payload}, false);
 }
 
+int set_log_level(const CLI::App& app, const Options& options) {
+    return converse(app, options,
+                    {cvex::type_wants_reply, cvex::log_level_command, std::to_string(options.log_level)},
+                    false);
+}
+
 int listen(const Options& options) {
     cvex::Client client(options.run_directory);
     std::fprintf(stderr, "cvex: listening\n");
@@ -224,11 +231,15 @@ int draw_timeline(const CLI::App& app, const Options& options) {
     return sandbox::exit_usage;
 }
 
-void add_reply_options(CLI::App& command, Options& options) {
+void add_timeout(CLI::App& command, Options& options) {
     command.add_option("--timeout", options.timeout_seconds, "How long to wait for the reply")
         ->check(CLI::Range(0.0, 86400.0).description(""))
         ->type_name("SECONDS")
         ->capture_default_str();
+}
+
+void add_reply_options(CLI::App& command, Options& options) {
+    add_timeout(command, options);
     command.add_flag("--no-reply", options.no_reply,
                      "Ask for no reply and return as soon as the command is sent");
 }
@@ -280,6 +291,15 @@ int main(int argc, char** argv) {
         ->type_name("");
     add_reply_options(*send_command, options);
 
+    CLI::App* log_level_command =
+        app.add_subcommand("log-level", "Choose how much the running daemon logs and print its reply");
+    log_level_command
+        ->add_option("level", options.log_level, "0 errors, 1 warnings, 2 information, 3 details")
+        ->check(CLI::Range(0, 3).description(""))
+        ->type_name("")
+        ->required();
+    add_timeout(*log_level_command, options);
+
     CLI::App* timeline_command = app.add_subcommand(
         "timeline", "Draw a record of a run, as cvcloudd --record keeps it; no daemon is needed");
     timeline_command->add_option("record", options.record_file, "File of the record")
@@ -314,6 +334,9 @@ int main(int argc, char** argv) {
         }
         if (settings_command.command->parsed()) {
             return settings_command.run(app);
+        }
+        if (log_level_command->parsed()) {
+            return set_log_level(app, options);
         }
         if (timeline_command->parsed()) {
             return draw_timeline(app, options);

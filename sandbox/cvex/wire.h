@@ -30,6 +30,10 @@ inline constexpr const char* subscribed_message = "cvex_subscribed";
 /// (what happened, for a person).
 inline constexpr const char* progress_message = "cvcloudd_progress";
 
+/// The daemon answers this itself: its payload is the level to log from now on, 0 to 3. The reply is
+/// {"result": "ok", "log_level": N}, or an error reply.
+inline constexpr const char* log_level_command = "cvcloudd_log_level";
+
 struct Command {
     std::int32_t type = type_wants_reply;
     std::string name;

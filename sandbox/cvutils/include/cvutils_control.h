@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <string_view>
 
 namespace cv::log {
 
@@ -11,6 +12,14 @@ using Listener = std::function<void(int level, const char* line)>;
 
 /// Tells `listener` each line from now on; an empty one ends it. Called while no other thread logs.
 void set_listener(Listener listener);
+
+/// From now on every line, also as the listener gets it, has "***" in place of each token that
+/// learn_tokens() has found. Called while no other thread logs.
+void mask_tokens();
+
+/// Remembers the values of the members whose name ends in "token" in a text that is JSON, or was meant to
+/// be. Does nothing unless tokens are masked. Any thread may call it.
+void learn_tokens(std::string_view text);
 
 } // namespace cv::log
 
