@@ -1,4 +1,5 @@
-// A handler of somebody else's, as the installed declarations let him write it: it answers the command "hello".
+// A handler of somebody else's, as the installed declarations let him write it: it answers the command
+// "hello".
 #include <cvcloud/cvhandler_api.h>
 
 class HelloHandler : public CvHandlerAPI {
@@ -8,8 +9,7 @@ public:
         commands.emplace_back("hello");
         return 1;
     }
-    void uninit() override {
-    }
+    void uninit() override {}
     void handle(const Message* message) override {
         static const std::string text = "{\"result\": \"ok\"}";
         Message reply = {};
