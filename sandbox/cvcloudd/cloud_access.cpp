@@ -238,6 +238,7 @@ void CloudAccess::run() {
 void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
     transfer->response_limit = options.response_limit;
     transfer->is_sent = true;
+    exchange.activity().request_sent(transfer->method);
     publish_progress("sent", *transfer);
 
     CURL* const handle = curl_easy_init();
@@ -314,6 +315,7 @@ void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::strin
         log_line(1, "request " + std::to_string(transfer.number) + " failed: " + transfer.failure);
     }
     if (transfer.is_sent) {
+        exchange.activity().request_ended(transfer.failure);
         publish_progress("ended", transfer);
     }
     cv::log::learn_tokens(transfer.response);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include <curl/curl.h>
+#include <nlohmann/json.hpp>
 #include <poll.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -39,6 +40,8 @@ struct Options {
     bool mask_tokens = false;
     CloudAccessOptions cloud;
 };
+
+const auto daemon_start = std::chrono::steady_clock::now();
 
 /// SIGTERM and SIGINT as a descriptor. Made before any thread, which inherits the blocked signals.
 class StopSignal {
@@ -112,6 +115,22 @@ public:
         return deliver_unknown && !libraries.empty() ? libraries.front().get() : nullptr;
     }
 
+    nlohmann::ordered_json describe() const {
+        nlohmann::ordered_json handlers = nlohmann::ordered_json::array();
+        for (const auto& library : libraries) {
+            nlohmann::ordered_json commands = nlohmann::ordered_json::array();
+            for (const auto& [command, subscriber] : subscribers) {
+                if (subscriber == library.get()) {
+                    commands.push_back(command);
+                }
+            }
+            handlers.push_back({{"library", library->path()},
+                                {"mandatory", library->mandatory()},
+                                {"commands", std::move(commands)}});
+        }
+        return handlers;
+    }
+
 private:
     CloudAccess& cloud;
     const bool deliver_unknown;
@@ -138,11 +157,29 @@ std::string set_log_level(const std::string& payload) {
     return R"({"result": "ok", "log_level": )" + payload + "}";
 }
 
+std::string describe_status(const Handlers& handlers, const Activity& activity) {
+    const auto seconds =
+        std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - daemon_start);
+    const nlohmann::ordered_json status{
+        {"result", "ok"},
+        {"pid", getpid()},
+        {"seconds", seconds.count()},
+        {"log_level", __atomic_load_n(&cv::log::current_level, __ATOMIC_RELAXED)},
+        {"handlers", handlers.describe()},
+        {"registration", activity.registration()},
+        {"last_result", activity.last_result()}};
+    return status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
 void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
              Recorder& recorder) {
     const cvex::Command& command = received.command;
     if (command.name == cvex::log_level_command) {
         exchange.reply(received.request_id, set_log_level(command.payload));
+        return;
+    }
+    if (command.name == cvex::status_command) {
+        exchange.reply(received.request_id, describe_status(handlers, exchange.activity()));
         return;
     }
     cv::log::learn_tokens(command.payload);
@@ -160,6 +197,7 @@ void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange
     message.payload_len = static_cast<std::uint32_t>(command.payload.size());
     message.payload = command.payload.data();
     recorder.command(message);
+    exchange.activity().delivered(received.request_id, command);
     handler->handle(message);
 }
 

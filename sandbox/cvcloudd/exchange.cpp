@@ -82,10 +82,12 @@ void Exchange::refuse_commands() {
 }
 
 bool Exchange::reply(std::uint64_t request_id, std::string payload) {
+    current_activity.replied(request_id, payload);
     return outgoing.put(OutgoingReply{request_id, std::move(payload)});
 }
 
 bool Exchange::publish(std::string name, std::string payload) {
+    current_activity.published(name);
     return outgoing.put(OutgoingMessage{std::move(name), std::move(payload)});
 }
 

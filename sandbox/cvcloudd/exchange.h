@@ -9,6 +9,7 @@
 
 #include <zmq.hpp>
 
+#include "cvcloudd/activity.h"
 #include "cvcloudd/mailbox.h"
 #include "cvex/wire.h"
 
@@ -40,6 +41,11 @@ public:
     /// The commands for the dispatch thread, in the order of their arrival.
     Mailbox<ReceivedCommand>& commands() {
         return received;
+    }
+
+    /// What goes on; replies and published messages are noted by the exchange itself.
+    Activity& activity() {
+        return current_activity;
     }
 
     /// From now on every command is refused, those that were not taken yet as well. Called by the taking
@@ -83,6 +89,7 @@ private:
     void send_published(const std::string& name, const std::string& payload);
 
     DirectoryLock lock;
+    Activity current_activity;
     zmq::context_t context;
     zmq::socket_t router;
     zmq::socket_t publisher;

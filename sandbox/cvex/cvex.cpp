@@ -1,8 +1,11 @@
+#include <array>
 #include <chrono>
 #include <clocale>
 #include <cstdio>
 #include <exception>
 #include <fstream>
+#include <iostream>
+#include <iterator>
 #include <map>
 #include <set>
 #include <string>
@@ -49,6 +52,7 @@ struct Options {
     bool as_json = false;
     bool no_reply = false;
     bool with_log = false;
+    bool is_raw = false;
 };
 
 /// The text of a member; empty when the document has no such text.
@@ -123,8 +127,14 @@ std::string describe_failure(const std::string& command, const std::string& repl
     return text;
 }
 
+/// How a conversation is shown: the reply as it came, with the steps to it for a person, or put into words.
+enum class Form { reply, steps, status };
+
+void print_status(const json& status);
+
 /// Sends the command and tells what happens until it is answered.
-int converse(const CLI::App& app, const Options& options, const cvex::Command& command, bool tell_steps) {
+int converse(const CLI::App& app, const Options& options, const cvex::Command& command, Form form) {
+    const bool tell_steps = form == Form::steps;
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                                std::chrono::duration<double>(options.timeout_seconds));
@@ -154,7 +164,9 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
         }
         const std::string& reply = std::get<cvex::Reply>(event).payload;
         const ExitCode outcome = outcome_of(reply);
-        if (!tell_steps) {
+        if (form == Form::status && outcome == exit_ok) {
+            print_status(parse(reply));
+        } else if (!tell_steps) {
             std::printf("%s\n", reply.c_str());
         } else if (outcome == exit_ok) {
             std::printf("reply              %s\n", reply.c_str());
@@ -171,23 +183,94 @@ int start(const CLI::App& app, const Options& options) {
         payload["register_mac_address"] = options.mac;
     }
     const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
-    return converse(app, options, {type, "start_cloud_registration", payload.dump()}, !options.as_json);
+    return converse(app, options, {type, "start_cloud_registration", payload.dump()},
+                    options.as_json ? Form::reply : Form::steps);
 }
 
 int retry(const CLI::App& app, const Options& options) {
     const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
-    return converse(app, options, {type, "retry_cloud_registration", ""}, !options.as_json);
+    return converse(app, options, {type, "retry_cloud_registration", ""},
+                    options.as_json ? Form::reply : Form::steps);
 }
 
 int send(const CLI::App& app, const Options& options) {
+    std::string payload = options.payload;
+    if (payload == "-") {
+        payload.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    }
+    const std::size_t begin = payload.find_first_not_of(" \t\r\n");
+    if (!options.is_raw && begin != std::string::npos && (payload[begin] == '{' || payload[begin] == '[')) {
+        try {
+            [[maybe_unused]] const json document = json::parse(payload);
+        } catch (const json::parse_error& error) {
+            const std::string problem = error.what();
+            // Without the library's own number of the error in front.
+            sandbox::print_problem(app, "the payload is not JSON: " + problem.substr(problem.find("] ") + 2) +
+                                            "; correct it or send it all the same with --raw");
+            return sandbox::exit_usage;
+        }
+    }
     const std::int32_t type = options.no_reply ? cvex::type_without_reply : cvex::type_wants_reply;
-    return converse(app, options, {type, options.name, options.payload}, false);
+    return converse(app, options, {type, options.name, payload}, Form::reply);
+}
+
+std::string join(const json& texts, const char* separator) {
+    std::string joined;
+    for (const json& text : texts) {
+        joined += (joined.empty() ? "" : separator) + text.get<std::string>();
+    }
+    return joined;
+}
+
+std::string describe_registration(const json& registration) {
+    const std::string state = registration.at("state");
+    if (state == "idle") {
+        return "none in progress";
+    }
+    const int tries = registration.at("try");
+    const std::string error = registration.at("error");
+    std::string text = registration.at("command");
+    if (tries > 0) {
+        text += ": " + registration.at("step").get<std::string>() + " try " + std::to_string(tries);
+    }
+    if (!error.empty()) {
+        text += " failed: " + error;
+    }
+    text += state == "request" ? ", at work for "
+            : state == "pause" ? ", in a pause for "
+                               : ", perhaps over for ";
+    std::array<char, 32> seconds{};
+    std::snprintf(seconds.data(), seconds.size(), "%.1f s", registration.at("seconds").get<double>());
+    return text + seconds.data();
+}
+
+void print_status(const json& status) {
+    std::printf("cvcloudd           process %d, up for %d s, log level %d\n", status.at("pid").get<int>(),
+                status.at("seconds").get<int>(), status.at("log_level").get<int>());
+    for (const json& handler : status.at("handlers")) {
+        std::printf("handler            %s%s takes %s\n", handler.at("library").get<std::string>().c_str(),
+                    handler.at("mandatory").get<bool>() ? " (mandatory)" : "",
+                    join(handler.at("commands"), ", ").c_str());
+    }
+    std::printf("registration       %s\n", describe_registration(status.at("registration")).c_str());
+    const json& last = status.at("last_result");
+    const std::string reason = text_member(last, "reason");
+    std::printf("last result        %s\n",
+                last.is_null() ? "none yet"
+                               : (text_member(last, "command") + ": " + text_member(last, "result") +
+                                  (reason.empty() ? "" : ": " + reason))
+                                     .c_str());
+}
+
+int show_status(const CLI::App& app, const Options& options) {
+    const cvex::Command command{cvex::type_wants_reply, cvex::status_command, ""};
+    return converse(app, options, command, options.as_json ? Form::reply : Form::status);
 }
 
 int set_log_level(const CLI::App& app, const Options& options) {
     return converse(app, options,
                     {cvex::type_wants_reply, cvex::log_level_command, std::to_string(options.log_level)},
-                    false);
+                    Form::reply);
 }
 
 int listen(const Options& options) {
@@ -287,9 +370,24 @@ int main(int argc, char** argv) {
 
     CLI::App* send_command = app.add_subcommand("send", "Send any command and print the reply as it came");
     send_command->add_option("name", options.name, "Name of the command")->type_name("")->required();
-    send_command->add_option("payload", options.payload, "Payload, sent as it is; commonly a JSON text")
+    send_command
+        ->add_option(
+            "payload", options.payload,
+            "Payload, sent as it is; - reads it from the standard input. One that begins with { or [ is "
+            "held to be JSON [default: none]")
         ->type_name("");
+    send_command->add_flag("--raw", options.is_raw, "Send the payload even if it is no JSON");
+    send_command->add_flag("--json", options.as_json, "Print the reply only, as it came; so it does anyway");
     add_reply_options(*send_command, options);
+
+    CLI::App* status_command =
+        app.add_subcommand("status", "Show the daemon's handlers and what it is doing");
+    status_command->add_flag(
+        "--json", options.as_json,
+        "Print one object: pid, seconds (since its start), log_level, handlers (library, "
+        "mandatory, commands), registration (state idle, request, pause or unknown; "
+        "command, step, try, error, seconds), last_result (command, result, reason)");
+    add_timeout(*status_command, options);
 
     CLI::App* log_level_command =
         app.add_subcommand("log-level", "Choose how much the running daemon logs and print its reply");
@@ -298,6 +396,8 @@ int main(int argc, char** argv) {
         ->check(CLI::Range(0, 3).description(""))
         ->type_name("")
         ->required();
+    log_level_command->add_flag("--json", options.as_json,
+                                "Print the reply only, as it came; so it does anyway");
     add_timeout(*log_level_command, options);
 
     CLI::App* timeline_command = app.add_subcommand(
@@ -334,6 +434,9 @@ int main(int argc, char** argv) {
         }
         if (settings_command.command->parsed()) {
             return settings_command.run(app);
+        }
+        if (status_command->parsed()) {
+            return show_status(app, options);
         }
         if (log_level_command->parsed()) {
             return set_log_level(app, options);

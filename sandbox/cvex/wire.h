@@ -34,6 +34,11 @@ inline constexpr const char* progress_message = "cvcloudd_progress";
 /// {"result": "ok", "log_level": N}, or an error reply.
 inline constexpr const char* log_level_command = "cvcloudd_log_level";
 
+/// And this: the reply is {"result": "ok", "pid", "seconds" (since the daemon's start), "log_level",
+/// "handlers": [{"library", "mandatory", "commands": [...]}], "registration" (see Activity::registration()),
+/// "last_result": {"command", "result", "reason"} or null}.
+inline constexpr const char* status_command = "cvcloudd_status";
+
 struct Command {
     std::int32_t type = type_wants_reply;
     std::string name;

@@ -84,7 +84,7 @@ def test_masked_tokens_are_in_no_line(appliance, token):
 def test_tokens_of_a_payload_that_is_no_json_are_masked(appliance, payload):
     appliance.start_cloud()
     appliance.start_daemon("--log-level", "3", "--mask-tokens")
-    assert appliance.cvex("send", "start_cloud_registration", payload).returncode == 3
+    assert appliance.cvex("send", "--raw", "start_cloud_registration", payload).returncode == 3
     log = "\n".join(log_of(appliance))
     assert "Could not parse" in log
     assert "secret" not in log
