@@ -15,6 +15,7 @@ namespace {
 
 constexpr std::chrono::seconds connect_timeout{5};
 constexpr std::chrono::milliseconds hand_over_timeout{1000};
+constexpr const char* monitor_endpoint = "inproc://monitor";
 
 /// Whether somebody accepts connections on the socket file. ZeroMQ itself would wait for it to appear.
 bool is_served(const std::string& path) {
@@ -30,16 +31,29 @@ bool is_served(const std::string& path) {
     return served;
 }
 
+/// Takes a message off the socket, frame by frame, unseen.
+void discard_message(zmq::socket_t& socket) {
+    zmq::message_t frame;
+    do {
+        if (!socket.recv(frame)) {
+            return;
+        }
+    } while (frame.more());
+}
+
 } // namespace
 
-Client::Client(const std::string& run_directory)
-    : commands(context, zmq::socket_type::dealer), published(context, zmq::socket_type::sub) {
+Client::Client(const std::string& directory)
+    : run_directory(directory), commands(context, zmq::socket_type::dealer),
+      monitor(context, zmq::socket_type::pair), published(context, zmq::socket_type::sub) {
     check_run_directory(run_directory);
     if (!is_served(socket_file(commands_endpoint(run_directory)))) {
         throw NoDaemon("no cvcloudd serves the run directory " + run_directory +
                        ": start one there or correct --run-dir");
     }
     commands.set(zmq::sockopt::linger, static_cast<int>(hand_over_timeout.count()));
+    zmq_socket_monitor(commands.handle(), monitor_endpoint, ZMQ_EVENT_DISCONNECTED);
+    monitor.connect(monitor_endpoint);
     commands.connect(commands_endpoint(run_directory));
     published.set(zmq::sockopt::linger, 0);
     published.set(zmq::sockopt::subscribe, "");
@@ -59,6 +73,9 @@ Client::Client(const std::string& run_directory)
 }
 
 void Client::send(const Command& command) {
+    if (command.type == type_wants_reply) {
+        ++replies_owed;
+    }
     send_command(commands, command);
 }
 
@@ -67,21 +84,34 @@ Event Client::wait(std::chrono::steady_clock::time_point deadline) {
         if (early_reply && early_reply->published_before <= last_seen) {
             return *std::exchange(early_reply, std::nullopt);
         }
+        if (is_lost) {
+            // What has come before the end is still there to be read, and nothing more comes.
+            deadline = {};
+        }
         const auto left =
             std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
-        std::array<zmq::pollitem_t, 2> items{
-            {{published.handle(), 0, ZMQ_POLLIN, 0}, {commands.handle(), 0, ZMQ_POLLIN, 0}}};
-        zmq::poll(items.data(), early_reply ? 1 : 2, std::max(left, std::chrono::milliseconds(0)));
+        std::array<zmq::pollitem_t, 3> items{{{published.handle(), 0, ZMQ_POLLIN, 0},
+                                              {monitor.handle(), 0, ZMQ_POLLIN, 0},
+                                              {commands.handle(), 0, ZMQ_POLLIN, 0}}};
+        // Behind an early reply no other is taken.
+        zmq::poll(items.data(), early_reply ? 2 : 3, std::max(left, std::chrono::milliseconds(0)));
         if ((items[0].revents & ZMQ_POLLIN) != 0) {
             PublishedMessage message = receive_published(published);
             last_seen = message.number;
             return message;
         }
-        if ((items[1].revents & ZMQ_POLLIN) != 0) {
+        if ((items[2].revents & ZMQ_POLLIN) != 0) {
             early_reply = receive_reply(commands);
+            replies_owed -= std::min(replies_owed, 1U);
+        } else if ((items[1].revents & ZMQ_POLLIN) != 0) {
+            discard_message(monitor);
+            is_lost = replies_owed > 0 || early_reply;
         } else if (early_reply) {
             // What is missing does not come; the reply is there all the same.
             return *std::exchange(early_reply, std::nullopt);
+        } else if (is_lost) {
+            throw NoDaemon("the cvcloudd in the run directory " + run_directory +
+                           " ended before it answered: start it again");
         } else {
             return TimedOut{};
         }

@@ -14,7 +14,8 @@
 
 namespace cvex {
 
-/// No daemon serves the exchange of the run directory; the text says which directory and what to do.
+/// No daemon serves the exchange of the run directory, or no longer does; the text says which directory and
+/// what to do.
 struct NoDaemon : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -34,12 +35,18 @@ public:
     void send(const Command& command);
 
     /// The next event, or TimedOut when none comes before `deadline`. What was published before a reply was
-    /// sent is told before the reply.
+    /// sent is told before the reply. Throws NoDaemon when the daemon has gone and a reply is still owed: it
+    /// will not come any more.
     Event wait(std::chrono::steady_clock::time_point deadline);
 
 private:
+    const std::string run_directory;
     zmq::context_t context;
     zmq::socket_t commands;
+    /// Tells that the connection of `commands` is lost.
+    zmq::socket_t monitor;
+    bool is_lost = false;
+    unsigned replies_owed = 0;
     zmq::socket_t published;
     std::uint64_t last_seen = 0;
     /// A reply that has overtaken what was published before it.

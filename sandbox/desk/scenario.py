@@ -363,7 +363,7 @@ class Player:
             command += ["--mac", argument["mac"]] if "mac" in argument else []
         elif action == "send":
             payload = argument.get("payload", "")
-            command += [argument["name"], payload if isinstance(payload, str) else json.dumps(payload)]
+            command += ["--raw", argument["name"], payload if isinstance(payload, str) else json.dumps(payload)]
         if action != "send":
             command.append("--json")
         command += ["--no-reply"] if argument.get("no_reply") else []

@@ -61,6 +61,16 @@ def test_restarts_after_it_was_killed(ready_desk):
     assert json.loads(ready_desk.register())["result"] == "ok"
 
 
+def test_a_client_is_told_when_the_daemon_was_killed(appliance, silent_cloud):
+    appliance.cloud_url = silent_cloud.url
+    daemon = appliance.start_daemon()
+    client = appliance.start(appliance.cvex_command("start", "--json", "--token", "any"))
+    silent_cloud.wait_for_requests(1)
+    daemon.process.kill()
+    client.wait_for_line("^cvex: the cvcloudd in the run directory .* ended before it answered: start it again$")
+    assert client.wait() == 5
+
+
 def test_the_cloud_stops_cleanly(ready_desk):
     ready_desk.register()
     assert ready_desk.cloud.stop() == 0
