@@ -359,7 +359,8 @@ class Player:
         command = [action]
         if action == "start":
             token_type = argument.get("token_type", "partner")
-            command += ["--token", argument.get("token", desk.TOKENS.get(token_type, "any")), "--token-type", token_type]
+            token = argument.get("token", desk.TOKENS.get(token_type, "any"))
+            command += ["--token", token, "--token-type", token_type]
             command += ["--mac", argument["mac"]] if "mac" in argument else []
         elif action == "send":
             payload = argument.get("payload", "")
@@ -423,8 +424,8 @@ class Player:
             if not matches_text(value, text):
                 self.scenario.fail(line, f"{json.dumps(value)} must be published and {text} was")
         if len(published) != len(expected):
-            self.scenario.fail(expected.line or 1,
-                               f"{len(expected)} messages must be published and there were {len(published)}: {published}")
+            self.scenario.fail(expected.line or 1, f"{len(expected)} messages must be published and there were "
+                                                   f"{len(published)}: {published}")
         heard = [json.loads(line)["payload"] for listener in self._listeners for line in listener.lines
                  if f'"name":"{DONE_MESSAGE}"' in line]
         if heard != published:

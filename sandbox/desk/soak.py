@@ -125,7 +125,8 @@ class Soak:
             return self._desk.start(self._desk.cvex_command("retry", "--json", *timeout)), None
         if kind < 0.4:
             payload = self._random.choice(["", "{", "[]", '{"token": ""}', '{"token": "t", "token_type": "no"}'])
-            return self._desk.start(self._desk.cvex_command("send", "--raw", "start_cloud_registration", payload, *timeout)), None
+            command = ["send", "--raw", "start_cloud_registration", payload, *timeout]
+            return self._desk.start(self._desk.cvex_command(*command)), None
         token_type = self._random.choice(list(desk.TOKENS))
         token = desk.TOKENS[token_type] if self._random.random() < 0.9 else "stolen"
         mac = f"02:00:00:00:00:{self._random.randrange(8):02X}"
@@ -152,7 +153,8 @@ def main():
     length = parser.add_mutually_exclusive_group(required=True)
     length.add_argument("--minutes", type=float, help="play rounds for so long")
     length.add_argument("--count", type=int, help="play so many rounds")
-    parser.add_argument("--seed", type=int, default=random.randrange(2**32), help="default: a random one, which is told")
+    parser.add_argument("--seed", type=int, default=random.randrange(2**32),
+                        help="default: a random one, which is told")
     arguments = parser.parse_args()
     desk.exit_on_signals()
     print(f"seed {arguments.seed}", flush=True)
