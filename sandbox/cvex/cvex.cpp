@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <clocale>
@@ -6,7 +7,7 @@
 #include <fstream>
 #include <iostream>
 #include <iterator>
-#include <map>
+#include <memory>
 #include <set>
 #include <string>
 
@@ -16,6 +17,7 @@
 #include "common/command_line.h"
 #include "cvex/client.h"
 #include "cvex/settings_command.h"
+#include "cvex/steps.h"
 #include "cvex/timeline.h"
 
 namespace {
@@ -37,6 +39,8 @@ constexpr const char* footer = R"(Exit codes:
   3  it was refused: bad arguments, a registration in progress, nothing to retry, unknown command
   4  no reply came within --timeout
   5  no daemon serves the run directory)";
+
+constexpr std::chrono::milliseconds tick_interval{100};
 
 struct Options {
     std::string run_directory;
@@ -67,38 +71,6 @@ std::string text_member(const json& document, const char* key) {
 json parse(const std::string& text) {
     return json::parse(text, nullptr, false);
 }
-
-/// Tells a person what is published during a registration: the cloud requests as the daemon makes them, and
-/// the end.
-class StepPrinter {
-public:
-    void print(const cvex::PublishedMessage& message) {
-        if (message.name == cvex::progress_message) {
-            print_request(parse(message.payload));
-        } else if (message.name == "cloud_registration_done") {
-            std::printf("published          %s %s\n", message.name.c_str(), message.payload.c_str());
-        }
-    }
-
-    /// What the last request failed of; empty when the cloud answered it.
-    std::string last_error;
-
-private:
-    void print_request(const json& progress) {
-        const std::string method = text_member(progress, "method");
-        const std::string error = text_member(progress, "error");
-        if (text_member(progress, "event") == "sent") {
-            std::printf("%-18s try %d sent to %s\n", method.c_str(), ++tries[method],
-                        text_member(progress, "service").c_str());
-        } else {
-            std::printf("%-18s try %d %s%s\n", method.c_str(), tries[method],
-                        error.empty() ? "answered" : "failed: ", error.c_str());
-            last_error = error;
-        }
-    }
-
-    std::map<std::string, int> tries;
-};
 
 ExitCode outcome_of(const std::string& reply) {
     static const std::set<std::string> refusals{"error_invalid_arguments", "error_in_progress",
@@ -134,44 +106,56 @@ void print_status(const json& status);
 
 /// Sends the command and tells what happens until it is answered.
 int converse(const CLI::App& app, const Options& options, const cvex::Command& command, Form form) {
-    const bool tell_steps = form == Form::steps;
     const auto deadline =
         std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                                                std::chrono::duration<double>(options.timeout_seconds));
     cvex::Client client(options.run_directory);
     client.send(command);
-    if (tell_steps) {
-        std::printf("%s sent\n", command.name.c_str());
-    }
     if (options.no_reply) {
+        if (form == Form::steps) {
+            std::printf("%s sent\n", command.name.c_str());
+        }
         return exit_ok;
     }
 
-    StepPrinter steps;
+    const std::unique_ptr<cvex::Steps> steps = form == Form::steps ? cvex::make_steps() : nullptr;
+    if (steps) {
+        steps->sent_command(command.name);
+    }
     for (;;) {
-        const cvex::Event event = client.wait(deadline);
+        const auto next_tick = std::chrono::steady_clock::now() + tick_interval;
+        const cvex::Event event = client.wait(steps ? std::min(deadline, next_tick) : deadline);
         if (std::holds_alternative<cvex::TimedOut>(event)) {
+            if (steps && std::chrono::steady_clock::now() < deadline) {
+                steps->tick();
+                continue;
+            }
+            if (steps) {
+                steps->end("");
+            }
             sandbox::print_problem(
                 app, "no reply to " + command.name +
                          " came within the time-out: look at the daemon's log or raise --timeout");
             return exit_timed_out;
         }
         if (const auto* message = std::get_if<cvex::PublishedMessage>(&event)) {
-            if (tell_steps) {
-                steps.print(*message);
+            if (steps) {
+                steps->tell(*message);
             }
             continue;
         }
         const std::string& reply = std::get<cvex::Reply>(event).payload;
         const ExitCode outcome = outcome_of(reply);
-        if (form == Form::status && outcome == exit_ok) {
+        if (steps) {
+            steps->end(outcome == exit_ok ? reply : "");
+            if (outcome != exit_ok) {
+                sandbox::print_problem(app,
+                                       describe_failure(command.name, reply, outcome, steps->last_error));
+            }
+        } else if (form == Form::status && outcome == exit_ok) {
             print_status(parse(reply));
-        } else if (!tell_steps) {
-            std::printf("%s\n", reply.c_str());
-        } else if (outcome == exit_ok) {
-            std::printf("reply              %s\n", reply.c_str());
         } else {
-            sandbox::print_problem(app, describe_failure(command.name, reply, outcome, steps.last_error));
+            std::printf("%s\n", reply.c_str());
         }
         return outcome;
     }

@@ -1,7 +1,14 @@
 """The client as a person and as a program use it."""
 
+import contextlib
+import fcntl
 import json
+import os
+import pty
+import re
+import struct
 import subprocess
+import termios
 
 import pytest
 
@@ -117,3 +124,118 @@ def test_a_reply_that_does_not_come_in_time(appliance, silent_cloud):
     result = appliance.cvex("start", "--token", "any", "--timeout", "0.1")
     assert result.returncode == 4
     assert "--timeout" in result.stderr
+
+
+def on_terminal(desk, *arguments, term="xterm", locale="C.UTF-8", columns=200, **environment):
+    """Runs cvex on a terminal; returns its exit code, what it wrote, and the lines that one sees in the end."""
+    controller, terminal = pty.openpty()
+    fcntl.ioctl(terminal, termios.TIOCSWINSZ, struct.pack("HHHH", 24, columns, 0, 0))
+    variables = {name: value for name, value in os.environ.items() if name not in ("NO_COLOR", "LANG")}
+    with subprocess.Popen(desk.cvex_command(*arguments), stdin=terminal, stdout=terminal, stderr=terminal,
+                          env={**variables, "TERM": term, "LC_ALL": locale, **environment}) as client:
+        os.close(terminal)
+        written = b""
+        # The end of the terminal is an error on this side of it.
+        with contextlib.suppress(OSError):
+            while data := os.read(controller, 65536):
+                written += data
+    os.close(controller)
+    text = written.decode()
+    lines = [re.sub("\033\\[[0-9]+m", "", line.rsplit("\r\033[K", 1)[-1]).rstrip("\r") for line in text.split("\n")]
+    assert lines.pop() == ""
+    return client.returncode, text, lines
+
+
+def assert_lines(lines, *patterns):
+    assert len(lines) == len(patterns), lines
+    for line, pattern in zip(lines, patterns):
+        assert re.fullmatch(pattern, line), (line, pattern)
+
+
+TIME = r"  \d+\.\d s"
+
+
+def test_spinners_become_ticks_on_a_terminal(ready_desk):
+    exit_code, text, lines = on_terminal(ready_desk, "start", "--token", PARTNER_TOKEN)
+    assert exit_code == 0
+    assert_lines(lines, f"✔ connect  try 1{TIME}", f"✔ register_box  try 1{TIME}",
+                 f"✔ published  cloud_registration_done{TIME}",
+                 f'✔ start_cloud_registration{TIME}  {{"result": "ok", .*"device_id": "box-1"}}')
+    assert "\r\033[K\033[36m◐\033[0m connect  try 1  0.0 s" in text
+    assert "\033[32m✔\033[0m connect" in text
+
+
+def test_a_failed_try_becomes_a_cross_and_a_pause(appliance):
+    appliance.start_cloud(options=["--fault", "connect*1=status:503"])
+    appliance.start_daemon(settings={"/daemons/cvcloudd/registration/retry_interval": 2})
+    exit_code, text, lines = on_terminal(appliance, "start", "--token", PARTNER_TOKEN)
+    assert exit_code == 0
+    assert_lines(lines[:2], f"✘ connect  try 1{TIME}  http.*: HTTP status 503", f"✔ connect  try 2{TIME}")
+    assert len(lines) == 5
+    assert "\033[31m✘\033[0m connect  try 1" in text
+    # The spinner turns, and the time passes.
+    frames = re.findall("\033\\[36m(.)\033\\[0m connect  pause before try 2  (\\d\\.\\d) s", text)
+    assert {"◐", "◓", "◑", "◒"} == {sign for sign, _ in frames}
+    times = [float(time) for _, time in frames]
+    assert times == sorted(times)
+    assert times[-1] >= 1
+
+
+def test_a_failure_ends_with_a_cross_and_its_line(appliance, closed_port):
+    appliance.cloud_url = f"http://127.0.0.1:{closed_port}"
+    appliance.start_daemon(settings={"/daemons/cvcloudd/registration/retry_num": 0})
+    exit_code, _, lines = on_terminal(appliance, "start", "--token", "any")
+    assert exit_code == 1
+    assert_lines(lines, f"✘ connect  try 1{TIME}  .*connect.*", f"✘ start_cloud_registration{TIME}",
+                 "cvex: start_cloud_registration failed: error_cvnc: .*")
+
+
+def test_a_time_out_ends_with_a_cross(appliance, silent_cloud):
+    appliance.cloud_url = silent_cloud.url
+    appliance.start_daemon()
+    exit_code, _, lines = on_terminal(appliance, "start", "--token", "any", "--timeout", "0.3")
+    assert exit_code == 4
+    assert_lines(lines, f"✘ connect  try 1{TIME}", r"✘ start_cloud_registration  0\.[3-9] s",
+                 "cvex: no reply to start_cloud_registration .*")
+
+
+def test_a_refusal_on_a_terminal(ready_desk):
+    exit_code, _, lines = on_terminal(ready_desk, "retry")
+    assert exit_code == 3
+    assert_lines(lines, f"✘ retry_cloud_registration{TIME}", "cvex: retry_cloud_registration was refused: .*")
+
+
+def test_ascii_without_a_utf8_locale(ready_desk):
+    _, text, lines = on_terminal(ready_desk, "start", "--token", PARTNER_TOKEN, locale="C")
+    assert text.isascii()
+    assert lines[0].startswith("+ connect  try 1")
+    assert "|\033[0m connect" in text
+    _, text, lines = on_terminal(ready_desk, "retry", locale="C")
+    assert lines[0].startswith("x retry_cloud_registration")
+
+
+def test_no_color(ready_desk):
+    _, text, lines = on_terminal(ready_desk, "start", "--token", PARTNER_TOKEN, NO_COLOR="1")
+    assert not re.search("\033\\[[0-9;]*m", text)
+    assert lines[0].startswith("✔ connect  try 1")
+
+
+@pytest.mark.parametrize("term", ["dumb", ""])
+def test_plain_lines_on_a_terminal_that_can_do_no_more(ready_desk, term):
+    exit_code, text, lines = on_terminal(ready_desk, "start", "--token", PARTNER_TOKEN, term=term)
+    assert exit_code == 0
+    assert "\033" not in text
+    assert lines[:2] == ["start_cloud_registration sent", "connect            try 1 sent to connect/login"]
+
+
+def test_json_is_the_reply_alone_on_a_terminal_too(ready_desk):
+    exit_code, text, _ = on_terminal(ready_desk, "start", "--json", "--token", PARTNER_TOKEN)
+    assert exit_code == 0
+    assert json.loads(text)["result"] == "ok"
+
+
+def test_a_live_line_does_not_wrap(ready_desk):
+    _, text, _ = on_terminal(ready_desk, "start", "--token", PARTNER_TOKEN, columns=20)
+    frames = re.findall("\033\\[36m.\033\\[0m ([^\r\n]*)", text)
+    assert frames
+    assert all(len(frame) + 2 < 20 for frame in frames)
