@@ -1,0 +1,106 @@
+"""The manual pages and the completion of the programs, both made from what --help says."""
+
+import os
+import re
+import subprocess
+from pathlib import Path
+
+import pytest
+from conftest import BUILD_DIRECTORY
+
+COMPLETION = Path(__file__).parents[1] / "completion" / "cvex.bash"
+PROGRAMS = ["cvex", "cvcloudd", "cvcloud-sim"]
+
+
+def run(*command, **options):
+    return subprocess.run([str(word) for word in command], stdin=subprocess.DEVNULL, capture_output=True,
+                          encoding="utf-8", check=False, timeout=60, **options)
+
+
+def page_of(program):
+    return BUILD_DIRECTORY / "sandbox" / "manuals" / f"{program}.1.gz"
+
+
+def shown(program):
+    """The manual page as man shows it, without the line breaks of its paragraphs."""
+    result = run("man", "--warnings", "-l", page_of(program),
+                 env={**os.environ, "LC_ALL": "C.UTF-8", "MANWIDTH": "1000", "MAN_KEEP_FORMATTING": ""})
+    assert (result.returncode, result.stderr) == (0, "")
+    return " ".join(result.stdout.split())
+
+
+def helps(program, *path):
+    """Every --help of a program: that of the program, of its subcommands, and of theirs."""
+    text = run(program, *path, "--help").stdout
+    yield text
+    commands = re.search(r"^Subcommands:\n((?:  .*\n)+)", text, re.MULTILINE)
+    for name in re.findall(r"^  (\S+)", commands[1], re.MULTILINE) if commands else []:
+        yield from helps(program, *path, name)
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_the_manual_page_can_be_found(program):
+    result = run("lexgrog", page_of(program))
+    assert result.returncode == 0
+    assert re.search(rf'"{program} - \w.*"$', result.stdout)
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_the_manual_page_has_every_word_of_the_help(appliance, program):
+    page = shown(program)
+    texts = list(helps(appliance.programs[program]))
+    assert len(texts) >= {"cvex": 12, "cvcloudd": 1, "cvcloud-sim": 6}[program]
+    for text in texts:
+        for line in text.replace("Usage: ", "").splitlines():
+            if line not in ("Positionals:", "Options:", "Subcommands:"):
+                words = [" ".join(part.split()) for part in line.replace("Exit codes:", "").split("  ")]
+                assert [word for word in words if word not in page] == []
+
+
+def complete(appliance, *words):
+    """What bash offers for the last of the words, behind the program's name."""
+    script = f"""
+source {COMPLETION}
+COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
+function=$(complete -p cvex); function=${{function##*-F }}; ${{function%% *}}
+printf '%s\\n' "${{COMPREPLY[@]}}"
+"""
+    result = run("bash", "--norc", "-c", script, "bash", *words, cwd=appliance.run_directory,
+                 env={**os.environ, "PATH": f"{Path(appliance.programs['cvex']).parent}:{os.environ['PATH']}"})
+    assert (result.returncode, result.stderr) == (0, "")
+    return result.stdout.split()
+
+
+@pytest.mark.parametrize("words, offered", [
+    (["cvex", "st"], ["start", "status"]),
+    (["cvex", "settings", ""], ["get", "set", "list"]),
+    (["cvex", "settings", "l"], ["list"]),
+    (["cvex", "--run-dir", "there", "re"], ["retry"]),
+    (["cvex", "start", "--to"], ["--token", "--token-type"]),
+    (["cvex", "start", "--run"], ["--run-dir"]),
+    (["cvex", "retry", "--to"], []),
+    (["cvex", "start", "--token-type", ""], ["partner", "temporary"]),
+    (["cvex", "start", "--token", ""], []),
+    (["cvex", "start", "--no-reply", "--j"], ["--json"]),
+    (["cvcloudd", "--mask"], ["--mask-tokens"]),
+    (["cvcloudd", "--record", "a"], ["a_directory", "a_file"]),
+    (["cvcloudd", "--run-dir", "a"], ["a_directory"]),
+    (["cvcloud-sim", "ctl", "fault"], ["fault", "faults"]),
+])
+def test_completion(appliance, words, offered):
+    (appliance.run_directory / "a_directory").mkdir()
+    (appliance.run_directory / "a_file").touch()
+    assert sorted(complete(appliance, *words)) == sorted(offered)
+
+
+def test_every_subcommand_and_option_is_offered(appliance):
+    text = run(appliance.programs["cvex"], "start", "--help").stdout
+    assert set(re.findall(r"^  (?:-h,)?(--\S+)", text, re.MULTILINE)) <= set(complete(appliance, "cvex", "start", "--"))
+    assert complete(appliance, "cvex", "") == [
+        "start", "retry", "listen", "send", "status", "log-level", "timeline", "settings"]
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_completion_is_there_for_each_program(program):
+    result = run("bash", "--norc", "-c", f"source {COMPLETION}; complete -p {program}")
+    assert "-F _cvex" in result.stdout
