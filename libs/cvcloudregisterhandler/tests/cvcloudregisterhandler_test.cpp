@@ -104,6 +104,16 @@ TEST_F(EntryPointTest, InitRefusesToWorkWithoutACloudAccessObject) {
     EXPECT_EQ(commands, Events{"other"});
 }
 
+TEST_F(EntryPointTest, InitWithoutACloudAccessObjectSaysSoBeforeItEndsWhatIsThere) {
+    ASSERT_NE(init(), 0);
+    Await("select");
+    journal().clear();
+    EXPECT_EQ(api->init(nullptr, commands), 0);
+    EXPECT_EQ(events().front(), "log 0 init: There was an error while cloning cvcloud_api");
+    EXPECT_EQ(events().back(), "delete " + size_of_handler);
+    EXPECT_EQ(g_registration_handler, nullptr);
+}
+
 TEST_F(EntryPointTest, InitFailsWithoutMemoryForTheRegistrationObject) {
     RegistrationHandler foreign;
     g_registration_handler = &foreign; // It must not be taken for the object that could not be created.
