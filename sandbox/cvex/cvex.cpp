@@ -38,7 +38,10 @@ constexpr const char* footer = R"(Exit codes:
   2  the command line is wrong, or a file that it names cannot be used
   3  it was refused: bad arguments, a registration in progress, nothing to retry, unknown command
   4  no reply came within --timeout
-  5  no daemon serves the run directory)";
+  5  no daemon serves the run directory
+
+With --json the standard output has nothing but what the option's own line says, as lines of
+JSON; without a reply it stays empty. Problems are told on the standard error in either form.)";
 
 constexpr std::chrono::milliseconds tick_interval{100};
 
