@@ -46,6 +46,7 @@ SETTINGS = {SETTINGS_PREFIX + "retry_num": 1, SETTINGS_PREFIX + "retry_interval"
 
 REQUEST_LINE = r"^[-0-9T:]+Z (connect/.*)$"
 DONE_MESSAGE = "cloud_registration_done"
+DONE_LINE = f'"name":"{DONE_MESSAGE}"'
 IN_PROGRESS = "error_in_progress"
 
 PARTS = {"summary", "settings", "cloud", "daemon", "steps", "published", "requests"}
@@ -260,6 +261,18 @@ def matches_text(expected, text):
     return matches(expected, document) and (not isinstance(expected, dict) or list(expected) == list(document))
 
 
+def published_in(record):
+    """The payloads that the handler published, as the record of a daemon that has ended has them."""
+    published = []
+    for text in record.read_text(encoding="utf-8").splitlines():
+        event = json.loads(text)
+        if event.get("event") == "publish" and event["name"] == DONE_MESSAGE:
+            published.append(event["payload"])
+        elif event.get("event") == "refused" and event.get("of") == "publish":
+            published.pop()
+    return published
+
+
 class Player:
     """Plays one scenario on a desk of its own."""
 
@@ -283,7 +296,6 @@ class Player:
             self._start_daemon()
             for line, step in zip(self.scenario.steps.lines, self.scenario.steps):
                 self._do(line, step)
-            self._wait_for_published(len(self.scenario.published), 1)
             if self._desk.daemon:
                 self._stop_daemon(1)
             if self._desk.cloud:
@@ -324,6 +336,10 @@ class Player:
         if self._desk.daemon.stop() != 0:
             self.scenario.fail(line, f"the daemon ended with exit code {self._desk.daemon.process.returncode}")
         self._desk.daemon = None
+        # The listener would go on with the next daemon.
+        if count := len(published_in(self._records[-1])):
+            self._wait(line, self._listeners[-1], DONE_LINE, count)
+        self._listeners[-1].stop()
 
     def _do(self, line, step):
         action = next(key for key in step if key not in ("exit", "reply"))
@@ -400,25 +416,12 @@ class Player:
             self.scenario.fail(line, error)
 
     def _wait_for_published(self, count, line):
-        pattern = f'"name":"{DONE_MESSAGE}"'
-        before = sum(1 for listener in self._listeners[:-1] for text in listener.lines if pattern in text)
+        before = sum(1 for listener in self._listeners[:-1] for text in listener.lines if DONE_LINE in text)
         if count > before:
-            self._wait(line, self._listeners[-1], pattern, count - before)
-
-    def _published(self):
-        """The payloads that the handler published, as the daemon's records have them."""
-        published = []
-        for record in self._records:
-            for text in record.read_text(encoding="utf-8").splitlines():
-                event = json.loads(text)
-                if event.get("event") == "publish" and event["name"] == DONE_MESSAGE:
-                    published.append(event["payload"])
-                elif event.get("event") == "refused" and event.get("of") == "publish":
-                    published.pop()
-        return published
+            self._wait(line, self._listeners[-1], DONE_LINE, count - before)
 
     def _check_published(self):
-        published = self._published()
+        published = [payload for record in self._records for payload in published_in(record)]
         expected = self.scenario.published
         for line, value, text in zip(getattr(expected, "lines", ()), expected, published):
             if not matches_text(value, text):
@@ -427,7 +430,7 @@ class Player:
             self.scenario.fail(expected.line or 1, f"{len(expected)} messages must be published and there were "
                                                    f"{len(published)}: {published}")
         heard = [json.loads(line)["payload"] for listener in self._listeners for line in listener.lines
-                 if f'"name":"{DONE_MESSAGE}"' in line]
+                 if DONE_LINE in line]
         if heard != published:
             self.scenario.fail(expected.line or 1, f"{published} was published and {heard} was heard")
         for reply in self._successes:
