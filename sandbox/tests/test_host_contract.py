@@ -12,6 +12,7 @@ def test_each_accepted_request_is_called_back_once(appliance, handlers):
     assert json.loads(result.stdout) == {"result": "ok", "failed": 0}
     assert daemon.stop() == 0
     daemon.wait_for_line("probe: accepted 200, called back 200$")
+    daemon.wait_for_line("probe: a request of its callback gets 1$")
     daemon.wait_for_line("probe: a request at the end gets 0 and 1 callback$")
 
 
