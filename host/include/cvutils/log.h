@@ -30,7 +30,7 @@ public:
     void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
     /// The text collected so far, NUL-terminated.
-    const char* text() const;
+    [[nodiscard]] const char* text() const;
 
 private:
     char* buffer;

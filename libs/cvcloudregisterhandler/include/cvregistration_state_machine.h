@@ -63,10 +63,10 @@ public:
         /// The cloud method that the step calls, for log lines.
         std::string name;
         /// Not owned; a member of the handler.
-        StepProgress* progress;
+        StepProgress* progress = nullptr;
         /// Sends the step's request; true when it is on its way.
         std::function<bool()> action;
-        State next_state;
+        State next_state = LOGIN;
     };
 
     RegistrationHandler();
