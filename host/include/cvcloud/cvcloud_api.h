@@ -1,6 +1,9 @@
 #ifndef CVCLOUD_CVCLOUD_API_H
 #define CVCLOUD_CVCLOUD_API_H
 
+/// @file
+/// The cloud access object, which takes handlers' requests, messages and replies, and its responses.
+
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -25,8 +28,8 @@ static_assert(offsetof(cvtessel_response, body) == 8);
 static_assert(sizeof(void*) != 4 || offsetof(cvtessel_response, body_length) == 12);
 static_assert(sizeof(void*) != 4 || sizeof(cvtessel_response) == 16);
 
-/// Receives the response to one request, on a thread of the cloud access object's choice.
-/// `user_data` is what the request was sent with.
+/// Receives the response to one request, once, on a thread of the cloud access object's choice, perhaps
+/// before send_request() has returned. `user_data` is what the request was sent with.
 using cvtessel_callback = void (*)(cvtessel_response* response, void* user_data);
 
 /// The daemon's cloud access object: builds and sends requests, delivers responses, and gives handlers their
@@ -45,7 +48,8 @@ public:
     virtual int send_request(const char* request, const char* service, cvtessel_callback callback,
                              void* user_data) = 0;
 
-    /// Takes a response back; the callback calls it exactly once, when it has finished reading.
+    /// Takes a response back; the callback calls it exactly once, on its own thread, when it has finished
+    /// reading.
     virtual void release_response(cvtessel_response* response) = 0;
 
     /// Builds the request text for `method` with the JSON text `params` of `params_len` bytes; with
@@ -55,15 +59,17 @@ public:
     virtual char* build_request(const char* method, const char* params, unsigned int params_len,
                                 bool add_connect_fields) = 0;
 
-    /// Publishes a message named `name` with `length` bytes of data on `cvex`, for every listener.
+    /// Publishes a message named `name` with `length` bytes of data on `cvex`, for every listener. Handlers
+    /// call it on threads of their own.
+    ///
     /// Returns 0 on success, any other value on failure. The data is used during the call only.
     virtual int publish_message(const char* name, const void* data, unsigned int length) = 0;
 
     /// The daemon's own. No handler calls it; it is declared to keep the next operation in its slot.
     virtual int daemon_operation() = 0;
 
-    /// Delivers a reply to the requester that `reply->request_id` names. Any thread may call it.
-    /// The record and its payload are used during the call only.
+    /// Delivers a reply to the requester that `reply->request_id` names. Any thread may call it. The record
+    /// and its payload are used during the call only; a handler acts on no result.
     virtual int send_response(const Message* reply) = 0;
 
     /// The token of the requests that carry the connection fields.

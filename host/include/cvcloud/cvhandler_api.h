@@ -1,6 +1,9 @@
 #ifndef CVCLOUD_CVHANDLER_API_H
 #define CVCLOUD_CVHANDLER_API_H
 
+/// @file
+/// The interface through which the cloud daemon calls a handler.
+
 #include <string>
 #include <vector>
 

@@ -1,6 +1,9 @@
 #ifndef CVCLOUD_MESSAGE_H
 #define CVCLOUD_MESSAGE_H
 
+/// @file
+/// The record in which commands reach handlers and replies leave them.
+
 #include <cstddef>
 #include <cstdint>
 

@@ -1,11 +1,15 @@
 #ifndef CVUTILS_JSON_H
 #define CVUTILS_JSON_H
 
+/// @file
+/// Helpers of the utility library for JSON values of jansson.
+
 #include <string>
 #include <vector>
 
 #include <jansson.h>
 
+/// The maker's utility library, `libcvutils`.
 namespace cv {
 
 /// Sets the member `key` of `object` to a JSON string. False when it cannot be set.

@@ -1,12 +1,16 @@
 #ifndef CVUTILS_LOG_H
 #define CVUTILS_LOG_H
 
+/// @file
+/// The utility library's log.
+
 #include <cstddef>
 
 #include <jansson.h>
 
 namespace cv {
 
+/// The process's log.
 namespace log {
 
 /// The most detailed level that is logged, 0 to 3. The library may change it at any time from any thread.
@@ -27,9 +31,10 @@ public:
     /// `buffer` holds `size` bytes, at least 1, and must outlive the stream.
     MemoryStream(char* buffer, std::size_t size);
 
+    /// Appends text as printf() would write it.
     void print(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-    /// The text collected so far, NUL-terminated.
+    /// The text collected so far, NUL-terminated; it lies in the caller's buffer and changes with print().
     [[nodiscard]] const char* text() const;
 
 private:

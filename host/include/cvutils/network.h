@@ -1,6 +1,9 @@
 #ifndef CVUTILS_NETWORK_H
 #define CVUTILS_NETWORK_H
 
+/// @file
+/// What the utility library knows of the box's network.
+
 #include <string>
 
 namespace cv {

@@ -1,8 +1,12 @@
 #ifndef CVUTILS_SETTINGS_H
 #define CVUTILS_SETTINGS_H
 
+/// @file
+/// The utility library's settings store.
+
 #include <string>
 
+/// The settings store.
 namespace cv::setMgmt {
 
 /// The integer stored under `key`, or `default_value` when there is none. Any thread may call it.

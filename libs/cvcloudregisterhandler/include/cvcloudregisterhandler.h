@@ -1,6 +1,9 @@
 #ifndef CVCLOUDREGISTERHANDLER_H
 #define CVCLOUDREGISTERHANDLER_H
 
+/// @file
+/// The library's entry points.
+
 #include <string>
 #include <vector>
 
@@ -18,8 +21,10 @@ public:
     /// system has no thread left, or std::bad_alloc; uninit() is safe then, too.
     int init(CvCloudAPI* api, std::vector<std::string>& commands) override;
 
-    /// Stops the worker, waiting for its current run to return, and destroys the registration object. All
-    /// requests have to be answered before. Does nothing when there is nothing to destroy.
+    /// Stops the worker, waiting for its current run to return with all its pauses, and destroys the
+    /// registration object. No response callback may be running, and none may come on another thread from
+    /// then on; the 8-byte block of a request that is never answered is then the daemon's to delete. Does
+    /// nothing when there is nothing to destroy.
     void uninit() override;
 
     /// Takes one command. Returns at once: only a refusal is answered here, an accepted command is answered
@@ -27,9 +32,10 @@ public:
     void handle(const Message* message) override;
 };
 
-/// Read by the daemon: it must not do without this handler.
+/// 1: the daemon must not do without this handler. The module itself never looks at it.
 extern "C" CV_EXPORT unsigned char mandatory_cloud_handler;
 
+/// The one handler object, as long as the library is loaded.
 CV_EXPORT extern HandlerAPI_impl g_handler_api;
 
 /// The daemon's way in. Always returns the same object, also before init(); any thread may call it.

@@ -1,6 +1,9 @@
 #ifndef CVREGISTRATION_CALLBACKS_H
 #define CVREGISTRATION_CALLBACKS_H
 
+/// @file
+/// What the cloud access object calls with the responses to the module's requests.
+
 struct cvtessel_response;
 
 namespace cv::registration {

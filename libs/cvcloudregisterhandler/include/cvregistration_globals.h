@@ -1,6 +1,10 @@
 #ifndef CVREGISTRATION_GLOBALS_H
 #define CVREGISTRATION_GLOBALS_H
 
+/// @file
+/// The two objects that all of the module reaches. init() and uninit() alone change them, on the daemon's
+/// thread, before the worker starts and after it has ended.
+
 #include "cvregistration_export.h"
 
 class CvCloudAPI;

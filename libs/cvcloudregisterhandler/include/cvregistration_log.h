@@ -1,15 +1,15 @@
 #ifndef CVREGISTRATION_LOG_H
 #define CVREGISTRATION_LOG_H
 
+/// @file
+/// The one way in which the module writes log lines.
+
 #include "cvutils/log.h"
 
-// Levels of the module's log lines.
-//   0  a failure
-//   1  a refusal, or retries exhausted
-//   2  progress, documents, requests that could not be sent
-//   3  detail
-
 /// Logs one line: CV_LOG(level, format, arguments...), printf-style, on any thread.
+///
+/// Level 0 is for a failure, 1 for a refusal or exhausted retries, 2 for progress, documents and requests
+/// that could not be sent, 3 for detail. A line is collected in 512 bytes on the stack.
 ///
 /// The arguments are evaluated only when the level is admitted. An argument that reads errno reads it too
 /// late: copy it first. The level is read atomically since the logger may change it on another thread.

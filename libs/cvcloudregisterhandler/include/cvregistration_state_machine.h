@@ -1,6 +1,9 @@
 #ifndef CVREGISTRATION_STATE_MACHINE_H
 #define CVREGISTRATION_STATE_MACHINE_H
 
+/// @file
+/// A registration: its data, its states, and the senders of its requests and messages.
+
 #include <atomic>
 #include <cstdint>
 #include <functional>
@@ -14,6 +17,7 @@ namespace cv::registration {
 
 /// The validated input of a start command.
 struct RegistrationParameters {
+    /// The requester's token, not empty.
     std::string token;
     /// "partner" or "temporary".
     std::string token_type;
@@ -42,10 +46,14 @@ class RegistrationHandler {
 public:
     /// Values appear in log lines.
     enum State : std::int32_t {
+        /// Obtains the user token; also the state before the first and after a successful registration.
         LOGIN = 0,
+        /// Obtains the device id.
         REGISTER_DEVICE = 1,
         // The states below FINISH are work states, looked up in `states`.
+        /// Publishes and answers the success.
         FINISH = 4,
+        /// The registration has failed: answers the failure and waits for a retry or a new start.
         FAIL = 5,
     };
 
@@ -53,6 +61,7 @@ public:
     struct StepProgress {
         /// Tries that the step may still take.
         std::int32_t tries_left = 0;
+        /// The last response held the result. A step that has succeeded is not tried again.
         bool succeeded = false;
         /// The step's result: the user token of LOGIN, the device id of REGISTER_DEVICE.
         std::string value;
@@ -66,12 +75,15 @@ public:
         StepProgress* progress = nullptr;
         /// Sends the step's request; true when it is on its way.
         std::function<bool()> action;
+        /// The state to enter once the step has succeeded.
         State next_state = LOGIN;
     };
 
+    /// Fills the tables of token types and states. Starts nothing.
     RegistrationHandler();
 
-    // ---- On the daemon's thread, while no registration is in progress.
+    /// @name On the daemon's thread, while no registration is in progress
+    /// @{
 
     /// Starts the worker, then resets. False when the worker cannot be started.
     bool init();
@@ -96,29 +108,42 @@ public:
     /// changed.
     bool retry_cloud_registration(std::string& error);
 
-    // ---- On the cloud access object's callback thread.
+    /// @}
+    /// @name On the cloud access object's callback thread
+    /// Each may be called only for the response to a request of its step, once. Nothing of the registration
+    /// may be touched after it: the worker owns it then.
+    /// @{
 
-    /// Store the outcome of the login step and of the box registration step, and wake the worker. `error` is
-    /// the error reply of a failed step and empty after a success. Return 1, or -1 when the wake-up was
-    /// dropped.
+    /// Stores the outcome of the login step and wakes the worker. `error` is the error reply of a failed step
+    /// and empty after a success. Returns 1, or -1 when the wake-up was dropped.
     int set_user_token_info(const std::string& user_token, bool success, const std::string& error);
+
+    /// As set_user_token_info(), for the box registration step.
     int set_device_id_info(const std::string& device_id, bool success, const std::string& error);
 
-    // ---- On the worker thread.
+    /// @}
+    /// @name On the worker thread
+    /// @{
 
     /// Acts on the current state; called once for each wake-up byte.
     void run_state_machine();
     /// Enters a state and acts on it at once.
     void advance_state(State next);
+    /// Acts on a work state: moves on when its step has succeeded, else tries it. Enters FAIL when the state
+    /// has no step, as LOGIN before the first start.
     void handle_crt_state();
-    /// Tries the step within its budget, until a request is on its way or no try is left.
+    /// Tries the step within its budget, until a request is on its way; enters FAIL when no try is left.
+    /// Sleeps `g_retry_interval` seconds before each try but the first of a budget.
     void do_work(StateHandler& step);
+    /// Publishes and answers the success, then resets. Enters FAIL when it cannot be published.
     void handle_finish();
 
-    /// Send the request of a step. True when it is on its way; on false `error_response` holds the error
-    /// reply.
+    /// Sends the login step's request for a partner token. True when it is on its way: its response is then
+    /// the callback thread's. On false `error_response` holds the error reply.
     bool send_connect_request();
+    /// As send_connect_request(), for a temporary token.
     bool send_get_device_token_request();
+    /// As send_connect_request(), for the box registration step.
     bool send_register_box_request();
 
     /// Builds the body of a success. Empty on failure; `error_response` then holds the error reply.
@@ -126,18 +151,26 @@ public:
     /// Publishes the body of a success. False on failure; `error_response` then holds the error reply.
     bool send_cloud_registration_done(const char* text);
 
+    /// @}
+
     /// The login step of each token type; filled by the constructor.
     std::map<std::string, TokenTypeInfo> token_types;
+    /// The state that the next run acts on.
     State state = LOGIN;
     /// True from an accepted command to the end of its run. The only member that two threads may touch at
     /// once.
     std::atomic<bool> registration_in_progress{false};
+    /// The step of LOGIN.
     StepProgress login_progress;
+    /// The step of REGISTER_DEVICE.
     StepProgress register_progress;
+    /// The steps of the work states. That of LOGIN is missing until the first set_input_params().
     std::map<State, StateHandler> states;
     /// The name of the login step that the token type chose.
     std::string first_method;
+    /// The requester's token.
     std::string token;
+    /// The MAC address to register the box under.
     std::string mac;
     /// The error reply of the last result, sent if the registration ends in FAIL.
     std::string error_response;
@@ -145,6 +178,7 @@ public:
     unsigned long long request_id = 0;
     /// Set for a request that waits for a reply, cleared by reset() alone: it outlives a failed registration.
     bool reply_requested = false;
+    /// The worker and its pipes.
     RegistrationThread thread;
 
 private:

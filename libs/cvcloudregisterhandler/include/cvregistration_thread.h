@@ -1,6 +1,9 @@
 #ifndef CVREGISTRATION_THREAD_H
 #define CVREGISTRATION_THREAD_H
 
+/// @file
+/// The worker thread and how it is woken.
+
 #include <thread>
 
 namespace cv::registration {
@@ -41,11 +44,15 @@ public:
     /// The worker's loop. `registration_thread` is the RegistrationThread; returns null when the worker ends.
     static void* thread_function(void* registration_thread);
 
-    // Read end, then write end. Only the read end tells an unopened pipe.
+    /// Read end, then write end; only the read end tells an unopened pipe. A byte makes the worker end.
     int stop_pipe[2] = {-1};
+    /// As stop_pipe. Each byte makes the worker run the state machine once.
     int run_pipe[2] = {-1};
+    /// Joined by uninit().
     std::thread worker;
+    /// The worker was started; uninit() leaves it set.
     bool started = false;
+    /// Whose state machine the worker runs. Not owned; set before the worker starts.
     RegistrationHandler* handler = nullptr;
 };
 

@@ -1,6 +1,9 @@
 #ifndef CVREGISTRATION_UTILS_H
 #define CVREGISTRATION_UTILS_H
 
+/// @file
+/// Settings, error replies, sending, the wake-up byte, and owners of what jansson allocates.
+
 #include <cstdlib>
 #include <memory>
 #include <string>
@@ -11,13 +14,17 @@
 
 namespace cv::registration {
 
+/// Gives up one reference to a JSON value.
 struct JsonRelease {
+    /// Called by JsonDocument alone.
     void operator()(json_t* value) const {
         json_decref(value);
     }
 };
 
+/// Frees a text of the C library's heap.
 struct TextRelease {
+    /// Called by HeapText alone.
     void operator()(char* text) const {
         std::free(text);
     }
@@ -31,13 +38,21 @@ using HeapText = std::unique_ptr<char, TextRelease>;
 
 /// What went wrong, as replies name it. The numeric values never leave the module.
 enum ErrorId : int {
+    /// The start command's payload is not what it has to be.
     error_invalid_arguments,
+    /// A registration is under way.
     error_in_progress,
+    /// Something failed on the box: no MAC address, no memory, a request not built, a message not published.
     error_internal,
+    /// The cloud access object refused a request, or its response failed or holds no document.
     error_cvnc,
+    /// The cloud's answer to a partner token holds no user token.
     error_connect,
+    /// The cloud's answer to a temporary token holds no user token.
     error_get_device_token,
+    /// The cloud's answer to the box registration holds no device id.
     error_register_box,
+    /// A command that is unknown, or a retry where nothing has failed.
     error_other,
 };
 
@@ -48,18 +63,25 @@ enum ErrorId : int {
 /// JSON.
 std::string build_error_response(ErrorId id, const std::string& reason);
 
-// The settings, read once by init_global_settings() before the worker thread exists and only read afterwards.
-// They hold what the store holds: no value is out of range.
+/// @name Settings
+/// Read once by init_global_settings() before the worker thread exists, and only read afterwards, on any
+/// thread. They hold what the store holds: no value is out of range.
+/// @{
 
-/// Tries of a step after its first one. Below 0 a step is not tried at all.
+/// Tries of a step after its first one. Below 0, and at the greatest int, a step is not tried at all.
 extern int g_retry_num;
-/// Pause before each of those tries, in seconds.
+/// Pause before each of those tries, in seconds. Below 0 it counts as that many seconds less than 2^32.
 extern int g_retry_interval;
 /// Network interface whose MAC address the box is registered under when a start command names none.
 extern std::string g_register_interface;
+/// "setup_type" of the box registration.
 extern std::string g_setup_type;
+/// "box_detected_name" of the box registration: the name under which the box is shown.
 extern std::string g_box_name;
+/// "device_model" of the box registration.
 extern std::string g_device_model;
+
+/// @}
 
 /// Reads the settings from the settings store, on the daemon's thread.
 void init_global_settings();
