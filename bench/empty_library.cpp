@@ -1,0 +1,5 @@
+extern "C" int nothing();
+
+int nothing() {
+    return 0;
+}
