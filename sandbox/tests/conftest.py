@@ -14,6 +14,7 @@ import pytest
 sys.path.insert(0, str(Path(__file__).parents[1] / "desk"))
 
 import desk as desk_module  # noqa: E402 (the path above comes first)
+import traffic
 
 BUILD_DIRECTORY = Path(os.environ["CV_BUILD_DIR"])
 
@@ -25,10 +26,23 @@ SETTINGS = {
 
 
 class TestDesk(desk_module.Desk):
+    """Each of its daemons keeps a record in `record_directory`."""
     __test__ = False
+
+    def __init__(self, programs_file, record_directory):
+        super().__init__(programs_file)
+        self._record_directory = record_directory
+        self._daemons = 0
 
     def write_settings(self, settings):
         super().write_settings({**SETTINGS, **settings})
+
+    def daemon_command(self, *options, handler=None):
+        # What a handler of the tests sends is its own matter.
+        if handler is None and "--record" not in options:
+            self._daemons += 1
+            options = (*options, "--record", self._record_directory / f"record-{self._daemons}.jsonl")
+        return super().daemon_command(*options, handler=handler)
 
     def register(self, token_type="partner", *options):
         """Starts a registration with a good token and returns the reply as text."""
@@ -117,15 +131,22 @@ def handlers():
 
 
 @pytest.fixture
-def appliance():
-    """A desk on which nothing is started yet; the test fails when any process of it outlives the test."""
+def record_directory(tmp_path_factory):
+    return tmp_path_factory.mktemp("records")
+
+
+@pytest.fixture
+def appliance(record_directory):
+    """A desk on which nothing is started yet; the test fails when any process of it outlives the test, or when
+    anything that crossed the handler's boundary is not as docs/schemas say."""
     mark = "CV_DESK_TEST=" + uuid.uuid4().hex
     name, value = mark.split("=")
     os.environ[name] = value
-    with TestDesk(desk_module.programs_file_of(BUILD_DIRECTORY)) as test_desk:
+    with TestDesk(desk_module.programs_file_of(BUILD_DIRECTORY), record_directory) as test_desk:
         yield test_desk
     del os.environ[name]
     assert processes_with(mark) == []
+    traffic.check_all(record_directory)
 
 
 @pytest.fixture
