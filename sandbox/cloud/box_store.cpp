@@ -22,6 +22,8 @@ BoxStore::BoxStore(const std::string& path)
                                  "; correct --boxes");
     }
     sqlite3_busy_timeout(database.get(), lock_timeout_milliseconds);
+    // The file is to outlive the cloud, not a power failure.
+    run("PRAGMA synchronous = OFF", "");
     run("CREATE TABLE IF NOT EXISTS boxes (number INTEGER PRIMARY KEY, mac TEXT NOT NULL UNIQUE)", "");
     run("CREATE TABLE IF NOT EXISTS user_tokens (token TEXT PRIMARY KEY)", "");
 }

@@ -14,6 +14,7 @@
 namespace {
 
 struct Options {
+    std::string address = "127.0.0.1";
     int port = 0;
     int admin_port = 0;
     std::vector<std::string> partner_tokens{"desk-partner-token"};
@@ -25,6 +26,11 @@ struct Options {
 };
 
 void add_options(CLI::App& app, Options& options) {
+    app.add_option("--address", options.address,
+                   "IPv4 address of this machine to listen on; 0.0.0.0 is all of them")
+        ->check(CLI::ValidIPV4.description(""))
+        ->type_name("ADDRESS")
+        ->capture_default_str();
     app.add_option("--port", options.port, "Port to listen on; 0 takes a free one")
         ->check(CLI::Range(0, 65535).description(""))
         ->type_name("PORT")
@@ -76,11 +82,16 @@ int serve(const CLI::App& app, const Options& options) {
     cloud::Transport transport(service, server);
     cloud::WebServer admin_server;
     cloud::serve_administration(admin_server, service, transport);
-    for (auto [started, port, option] :
-         {std::tuple{&admin_server, options.admin_port, "--admin-port"}, {&server, options.port, "--port"}}) {
-        if (!started->start(port)) {
-            sandbox::print_problem(app, "cannot listen on 127.0.0.1:" + std::to_string(port) +
-                                            ": the port is in use or not allowed; choose another " + option);
+    // Whoever reaches the administration may use it: it stays on the loopback.
+    const std::string loopback = "127.0.0.1";
+    for (auto [started, address, port, option] :
+         {std::tuple{&admin_server, loopback, options.admin_port, "--admin-port"},
+          {&server, options.address, options.port, "--port or --address"}}) {
+        if (!started->start(address, port)) {
+            sandbox::print_problem(app, "cannot listen on " + address + ":" + std::to_string(port) +
+                                            ": the port is in use or not allowed, or the address is "
+                                            "not of this machine; choose another " +
+                                            option);
             return 1;
         }
     }
@@ -101,7 +112,7 @@ int main(int argc, char** argv) {
     Options options;
     options.cloud.partner_id = "desk-partner";
     CLI::App app(
-        "The maker's cloud of an appliance on a desk: JSON-RPC 2.0 over HTTP on the loopback. It prints "
+        "The maker's cloud of an appliance on a desk: JSON-RPC 2.0 over HTTP. It prints "
         "\"cvcloud-sim: listening on URL\", logs each request in one line to the standard error, and stops "
         "on SIGTERM. What goes wrong is told with --fault, or with cvcloud-sim ctl while it runs.",
         "cvcloud-sim");

@@ -18,13 +18,14 @@ constexpr const char* json_type = "application/json";
 constexpr const char* text_type = "text/plain";
 
 void log_request(const std::string& service, const CloudService::Answer& answer) {
-    const std::time_t now = std::time(nullptr);
+    timespec now{};
     tm date{};
-    gmtime_r(&now, &date);
+    clock_gettime(CLOCK_REALTIME, &now);
+    gmtime_r(&now.tv_sec, &date);
     char time_text[32];
-    std::strftime(time_text, sizeof time_text, "%Y-%m-%dT%H:%M:%SZ", &date);
-    std::fprintf(stderr, "%s %s %s: %s\n", time_text, service.c_str(), answer.method.c_str(),
-                 answer.outcome.c_str());
+    std::strftime(time_text, sizeof time_text, "%Y-%m-%dT%H:%M:%S", &date);
+    std::fprintf(stderr, "%s.%03ldZ %s %s: %s\n", time_text, now.tv_nsec / 1000000, service.c_str(),
+                 answer.method.c_str(), answer.outcome.c_str());
 }
 
 /// Closes the connection under the library, which then has nobody to answer to.

@@ -14,7 +14,6 @@ namespace cloud {
 
 namespace {
 
-constexpr const char* address = "127.0.0.1";
 constexpr std::size_t request_limit = 1024 * 1024;
 
 class ThreadPerConnection final : public httplib::TaskQueue {
@@ -71,7 +70,8 @@ WebServer::WebServer(const std::string& certificate_file, const std::string& key
     // An idle connection would hold up the stop.
     server->set_keep_alive_max_count(1);
     // The library's own choice, SO_REUSEPORT, would let two clouds share a port unnoticed.
-    server->set_socket_options([](socket_t socket) {
+    server->set_socket_options([this](socket_t socket) {
+        listening_socket = socket;
         const int yes = 1;
         setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
     });
@@ -81,12 +81,18 @@ WebServer::~WebServer() {
     stop();
 }
 
-bool WebServer::start(int port) {
+bool WebServer::start(const std::string& address, int port) {
     if (port == 0) {
-        port = server->bind_to_any_port(address);
-    } else if (!server->bind_to_port(address, port)) {
+        port = server->bind_to_any_port(address.c_str());
+        if (port == -1) {
+            return false;
+        }
+    } else if (!server->bind_to_port(address.c_str(), port)) {
         return false;
     }
+    // The library keeps a queue of 5: of boxes that come all at once the others would try again a second
+    // later.
+    listen(listening_socket, SOMAXCONN);
     listening_on = protocol + "://" + address + ":" + std::to_string(port);
     listener = std::thread([this] { server->listen_after_bind(); });
     return true;

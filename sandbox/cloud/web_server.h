@@ -9,8 +9,7 @@
 
 namespace cloud {
 
-/// A server on the loopback with a thread for each connection, so that a request which is not answered holds
-/// up no other.
+/// A server with a thread for each connection, so that a request which is not answered holds up no other.
 class WebServer {
 public:
     /// Serves https when certificate and key are given, two PEM files. Throws std::runtime_error when they
@@ -25,14 +24,14 @@ public:
         return *server;
     }
 
-    /// Listens on the port, or on a free one for 0, and serves on threads of its own. False when the port
-    /// cannot be had.
-    bool start(int port);
+    /// Listens on the port of the IPv4 address, or on a free one for 0, and serves on threads of its own.
+    /// False when the port cannot be had.
+    bool start(const std::string& address, int port);
 
     /// Returns when every request that has come is over.
     void stop();
 
-    /// http://127.0.0.1:PORT, or with https.
+    /// http://ADDRESS:PORT, or with https.
     const std::string& url() const {
         return listening_on;
     }
@@ -42,6 +41,7 @@ private:
     std::unique_ptr<httplib::Server> server;
     std::string listening_on;
     std::thread listener;
+    int listening_socket = -1;
 };
 
 /// The descriptor of the connection that the request came over, or -1. For the request's own thread while it
