@@ -3,6 +3,10 @@
 #include <cstdio>
 #include <vector>
 
+#include <unistd.h>
+
+#include "common/printable.h"
+
 namespace sandbox {
 
 std::optional<int> read_command_line(CLI::App& app, int argc, char** argv) {
@@ -23,7 +27,7 @@ std::optional<int> read_command_line(CLI::App& app, int argc, char** argv) {
 }
 
 void print_problem(const CLI::App& app, const std::string& problem) {
-    std::fprintf(stderr, "%s: %s\n", app.get_name().c_str(), problem.c_str());
+    std::fprintf(stderr, "%s: %s\n", app.get_name().c_str(), printable_on(STDERR_FILENO, problem).c_str());
 }
 
 } // namespace sandbox

@@ -17,7 +17,8 @@ inline constexpr int exit_usage = 2;
 /// on; otherwise help or one line about the mistake is printed and the exit code is returned.
 std::optional<int> read_command_line(CLI::App& app, int argc, char** argv);
 
-/// Prints `problem` as the program's one line about its failure.
+/// Prints `problem`, also when others have written it, as the program's one line about its failure. To be
+/// called by the only thread.
 void print_problem(const CLI::App& app, const std::string& problem);
 
 } // namespace sandbox

@@ -48,6 +48,10 @@ void Activity::replied(std::uint64_t request_id, const std::string& payload) {
     is_running = false;
     result = {{"command", command_name}};
     const ordered_json reply = ordered_json::parse(payload, nullptr, false);
+    if (reply.is_discarded()) {
+        // A failure whose reason has quotes, for example.
+        result["reply"] = payload;
+    }
     // The reply's other members are the requester's alone.
     for (const char* member : {"result", "reason"}) {
         if (reply.is_object() && reply.contains(member)) {

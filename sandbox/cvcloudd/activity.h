@@ -29,7 +29,8 @@ public:
     /// a reply).
     nlohmann::ordered_json registration() const;
 
-    /// {"command", "result", "reason"} of the last registration that has ended, or null.
+    /// {"command", "result", "reason"} of the last registration that has ended, {"command", "reply"} when the
+    /// reply was no JSON, or null.
     nlohmann::ordered_json last_result() const;
 
 private:

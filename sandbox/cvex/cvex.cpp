@@ -1,20 +1,21 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
-#include <clocale>
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <iostream>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 
-#include <langinfo.h>
 #include <nlohmann/json.hpp>
+#include <unistd.h>
 
 #include "common/command_line.h"
+#include "common/printable.h"
 #include "cvex/client.h"
 #include "cvex/settings_command.h"
 #include "cvex/steps.h"
@@ -56,6 +57,7 @@ struct Options {
     std::string page_file;
     int log_level = 0;
     double timeout_seconds = 60;
+    std::optional<double> listen_seconds;
     bool as_json = false;
     bool no_reply = false;
     bool with_log = false;
@@ -69,6 +71,11 @@ std::string text_member(const json& document, const char* key) {
     }
     const auto member = document.find(key);
     return member != document.end() && member->is_string() ? member->get<std::string>() : std::string();
+}
+
+std::chrono::steady_clock::duration to_duration(double seconds) {
+    return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+        std::chrono::duration<double>(seconds));
 }
 
 json parse(const std::string& text) {
@@ -109,9 +116,7 @@ void print_status(const json& status);
 
 /// Sends the command and tells what happens until it is answered.
 int converse(const CLI::App& app, const Options& options, const cvex::Command& command, Form form) {
-    const auto deadline =
-        std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                                               std::chrono::duration<double>(options.timeout_seconds));
+    const auto deadline = std::chrono::steady_clock::now() + to_duration(options.timeout_seconds);
     cvex::Client client(options.run_directory);
     client.send(command);
     if (options.no_reply) {
@@ -150,7 +155,7 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
         const std::string& reply = std::get<cvex::Reply>(event).payload;
         const ExitCode outcome = outcome_of(reply);
         if (steps) {
-            steps->end(outcome == exit_ok ? reply : "");
+            steps->end(outcome == exit_ok ? sandbox::printable_on(STDOUT_FILENO, reply) : "");
             if (outcome != exit_ok) {
                 sandbox::print_problem(app,
                                        describe_failure(command.name, reply, outcome, steps->last_error));
@@ -158,7 +163,7 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
         } else if (form == Form::status && outcome == exit_ok) {
             print_status(parse(reply));
         } else {
-            std::printf("%s\n", reply.c_str());
+            sandbox::print_line(reply);
         }
         return outcome;
     }
@@ -232,21 +237,23 @@ std::string describe_registration(const json& registration) {
 }
 
 void print_status(const json& status) {
-    std::printf("cvcloudd           process %d, up for %d s, log level %d\n", status.at("pid").get<int>(),
-                status.at("seconds").get<int>(), status.at("log_level").get<int>());
+    const auto print_row = [](const char* head, const std::string& text) {
+        std::printf("%-18s %s\n", head, sandbox::printable_on(STDOUT_FILENO, text).c_str());
+    };
+    print_row("cvcloudd", "process " + status.at("pid").dump() + ", up for " + status.at("seconds").dump() +
+                              " s, log level " + status.at("log_level").dump());
     for (const json& handler : status.at("handlers")) {
-        std::printf("handler            %s%s takes %s\n", handler.at("library").get<std::string>().c_str(),
-                    handler.at("mandatory").get<bool>() ? " (mandatory)" : "",
-                    join(handler.at("commands"), ", ").c_str());
+        print_row("handler", handler.at("library").get<std::string>() +
+                                 (handler.at("mandatory").get<bool>() ? " (mandatory)" : "") + " takes " +
+                                 join(handler.at("commands"), ", "));
     }
-    std::printf("registration       %s\n", describe_registration(status.at("registration")).c_str());
+    print_row("registration", describe_registration(status.at("registration")));
     const json& last = status.at("last_result");
     const std::string reason = text_member(last, "reason");
-    std::printf("last result        %s\n",
-                last.is_null() ? "none yet"
-                               : (text_member(last, "command") + ": " + text_member(last, "result") +
-                                  (reason.empty() ? "" : ": " + reason))
-                                     .c_str());
+    const std::string outcome = last.contains("reply")
+                                    ? "the reply is \"" + text_member(last, "reply") + "\""
+                                    : text_member(last, "result") + (reason.empty() ? "" : ": " + reason);
+    print_row("last result", last.is_null() ? "none yet" : text_member(last, "command") + ": " + outcome);
 }
 
 int show_status(const CLI::App& app, const Options& options) {
@@ -263,27 +270,30 @@ int set_log_level(const CLI::App& app, const Options& options) {
 int listen(const Options& options) {
     cvex::Client client(options.run_directory);
     std::fprintf(stderr, "cvex: listening\n");
-    for (;;) {
-        const cvex::Event event = client.wait(std::chrono::steady_clock::now() + std::chrono::hours(1));
+    using Clock = std::chrono::steady_clock;
+    const auto end = options.listen_seconds ? Clock::now() + to_duration(*options.listen_seconds)
+                                            : Clock::time_point::max();
+    while (Clock::now() < end) {
+        const cvex::Event event = client.wait(std::min(end, Clock::now() + std::chrono::hours(1)));
         const auto* message = std::get_if<cvex::PublishedMessage>(&event);
         if (message == nullptr || message->name == cvex::subscribed_message) {
             continue;
         }
         if (options.as_json) {
             const json line{{"name", message->name}, {"payload", message->payload}};
-            std::printf("%s\n", line.dump(-1, ' ', false, json::error_handler_t::replace).c_str());
+            sandbox::print_line(line.dump(-1, ' ', false, json::error_handler_t::replace));
         } else {
-            std::printf("%s %s\n", message->name.c_str(), message->payload.c_str());
+            sandbox::print_line(message->name + " " + message->payload);
         }
     }
+    return exit_ok;
 }
 
 int draw_timeline(const CLI::App& app, const Options& options) {
     try {
         const cvex::Timeline timeline = cvex::make_timeline(cvex::read_record(options.record_file));
         if (options.page_file.empty()) {
-            std::setlocale(LC_CTYPE, "");
-            const bool utf8 = std::string(nl_langinfo(CODESET)) == "UTF-8";
+            const bool utf8 = sandbox::has_utf8_locale();
             std::fputs(cvex::timeline_text(timeline, utf8, options.with_log).c_str(), stdout);
             return exit_ok;
         }
@@ -301,9 +311,11 @@ int draw_timeline(const CLI::App& app, const Options& options) {
     return sandbox::exit_usage;
 }
 
+const CLI::Validator a_day_at_most = CLI::Range(0.0, 86400.0).description("");
+
 void add_timeout(CLI::App& command, Options& options) {
     command.add_option("--timeout", options.timeout_seconds, "How long to wait for the reply")
-        ->check(CLI::Range(0.0, 86400.0).description(""))
+        ->check(a_day_at_most)
         ->type_name("SECONDS")
         ->capture_default_str();
 }
@@ -350,8 +362,11 @@ int main(int argc, char** argv) {
     retry_command->add_flag("--json", options.as_json, "Print the reply only, as it came");
     add_reply_options(*retry_command, options);
 
-    CLI::App* listen_command =
-        app.add_subcommand("listen", "Print every published message until interrupted");
+    CLI::App* listen_command = app.add_subcommand("listen", "Print every published message");
+    listen_command
+        ->add_option("--timeout", options.listen_seconds, "How long to listen [default: until interrupted]")
+        ->check(a_day_at_most)
+        ->type_name("SECONDS");
     listen_command->add_flag("--json", options.as_json,
                              "Print each message as one line {\"name\": ..., \"payload\": ...}");
 
@@ -373,7 +388,8 @@ int main(int argc, char** argv) {
         "--json", options.as_json,
         "Print one object: pid, seconds (since its start), log_level, handlers (library, "
         "mandatory, commands), registration (state idle, request, pause or unknown; "
-        "command, step, try, error, seconds), last_result (command, result, reason)");
+        "command, step, try, error, seconds), last_result (command, result, reason; or command, reply when "
+        "that is no JSON)");
     add_timeout(*status_command, options);
 
     CLI::App* log_level_command =
@@ -389,7 +405,9 @@ int main(int argc, char** argv) {
 
     CLI::App* timeline_command = app.add_subcommand(
         "timeline", "Draw a record of a run, as cvcloudd --record keeps it; no daemon is needed");
-    timeline_command->add_option("record", options.record_file, "File of the record")
+    timeline_command
+        ->add_option("record", options.record_file,
+                     "File of the record, a JSON object a line, which a program reads as it is")
         ->type_name("")
         ->required();
     timeline_command

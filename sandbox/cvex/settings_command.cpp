@@ -1,5 +1,7 @@
 #include "cvex/settings_command.h"
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -9,6 +11,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/printable.h"
 #include "cvutils/settings_file.h"
 
 namespace cvex {
@@ -21,18 +24,38 @@ constexpr int exit_not_set = 1;
 
 enum class Type { integer, text };
 
+/// What the registration handler reads.
+struct Setting {
+    const char* key;
+    Type type;
+    const char* meaning;
+};
+
+constexpr std::array settings_of_registration{
+    Setting{"/daemons/cvcloudd/registration/retry_num", Type::integer, "how often a step is tried again"},
+    Setting{"/daemons/cvcloudd/registration/retry_interval", Type::integer, "seconds between two tries"},
+    Setting{"/daemons/cvcloudd/registration/register_interface", Type::text,
+            "interface whose MAC address is registered"},
+    Setting{"/daemons/cvcloudd/registration/setup_type", Type::text, "set-up type told to the cloud"},
+    Setting{"/daemons/cvcloudd/registration/box_name", Type::text, "name told to the cloud"},
+    Setting{"/daemons/cvcloudd/registration/device_model", Type::text, "device model told to the cloud"},
+};
+
+std::string describe_settings() {
+    std::string text = "Keys that the registration handler reads, and their types:\n";
+    for (const Setting& setting : settings_of_registration) {
+        text += std::string("  ") + setting.key + "\n      " +
+                (setting.type == Type::integer ? "integer" : "text") + ": " + setting.meaning + "\n";
+    }
+    return text;
+}
+
 /// The type that the registration handler, or the desk, reads the key as; nothing for the keys of others.
 std::optional<Type> type_of(const std::string& key) {
-    const std::string registration = "/daemons/cvcloudd/registration/";
-    for (const char* name : {"retry_num", "retry_interval"}) {
-        if (key == registration + name) {
-            return Type::integer;
-        }
-    }
-    for (const char* name : {"register_interface", "setup_type", "box_name", "device_model"}) {
-        if (key == registration + name) {
-            return Type::text;
-        }
+    const auto* const setting = std::find_if(settings_of_registration.begin(), settings_of_registration.end(),
+                                             [&](const Setting& candidate) { return key == candidate.key; });
+    if (setting != settings_of_registration.end()) {
+        return setting->type;
     }
     const std::string interfaces = "/network/interfaces/";
     const std::string address = "/mac";
@@ -90,6 +113,7 @@ SettingsCommand::SettingsCommand(CLI::App& app, const std::string& client_run_di
         "settings", "Read or edit the settings store in its file; the next start of cvcloudd reads it anew");
     command->fallthrough();
     command->require_subcommand(1);
+    command->footer(describe_settings() + "\n" + app.get_footer());
     command
         ->add_option("--file", given_file, "File of the store [default: settings.json in the run directory]")
         ->type_name("FILE");
@@ -144,7 +168,7 @@ int SettingsCommand::get(const CLI::App& app) const {
     }
     const std::string text =
         as_json ? ordered_json{{"key", key}, {"value", to_json(stored)}}.dump() : to_text(stored);
-    std::printf("%s\n", text.c_str());
+    sandbox::print_line(text);
     return 0;
 }
 
@@ -159,7 +183,7 @@ int SettingsCommand::set(const CLI::App& app) const {
         number && !as_text && type != Type::text ? ordered_json(*number) : ordered_json(value);
     settings::set(file(), key, stored.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
     if (as_json) {
-        std::printf("%s\n", ordered_json{{"key", key}, {"value", stored}}.dump().c_str());
+        sandbox::print_line(ordered_json{{"key", key}, {"value", stored}}.dump());
     }
     return 0;
 }
@@ -175,11 +199,11 @@ int SettingsCommand::list(const CLI::App& app) const {
         } else if (as_json) {
             members[name] = to_json(store.value(name));
         } else {
-            std::printf("%s = %s\n", name.c_str(), to_text(store.value(name)).c_str());
+            sandbox::print_line(name + " = " + to_text(store.value(name)));
         }
     }
     if (as_json) {
-        std::printf("%s\n", members.dump().c_str());
+        sandbox::print_line(members.dump());
     }
     return exit_code;
 }

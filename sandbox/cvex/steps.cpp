@@ -2,15 +2,15 @@
 
 #include <array>
 #include <chrono>
-#include <clocale>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
-#include <langinfo.h>
 #include <nlohmann/json.hpp>
 #include <sys/ioctl.h>
 #include <unistd.h>
+
+#include "common/printable.h"
 
 namespace cvex {
 
@@ -167,9 +167,13 @@ private:
     std::size_t turn = 0;
 };
 
+std::string shown(const std::string& text) {
+    return sandbox::printable_on(STDOUT_FILENO, text);
+}
+
 std::string text_member(const nlohmann::json& document, const char* key) {
     const auto member = document.find(key);
-    return member != document.end() && member->is_string() ? member->get<std::string>() : std::string();
+    return member != document.end() && member->is_string() ? shown(*member) : std::string();
 }
 
 std::string_view environment(const char* name) {
@@ -181,7 +185,7 @@ std::string_view environment(const char* name) {
 
 void Steps::tell(const PublishedMessage& message) {
     if (message.name == "cloud_registration_done") {
-        published(message.name, message.payload);
+        published(message.name, shown(message.payload));
     }
     if (message.name != progress_message) {
         return;
@@ -201,9 +205,8 @@ std::unique_ptr<Steps> make_steps() {
     if (isatty(STDOUT_FILENO) == 0 || terminal.empty() || terminal == "dumb") {
         return std::make_unique<PlainSteps>();
     }
-    std::setlocale(LC_CTYPE, "");
-    const bool is_utf8 = std::string_view(nl_langinfo(CODESET)) == "UTF-8";
-    return std::make_unique<LiveSteps>(is_utf8 ? utf8_signs : ascii_signs, environment("NO_COLOR").empty());
+    return std::make_unique<LiveSteps>(sandbox::has_utf8_locale() ? utf8_signs : ascii_signs,
+                                       environment("NO_COLOR").empty());
 }
 
 } // namespace cvex

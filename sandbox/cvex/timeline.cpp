@@ -209,22 +209,6 @@ Timeline make_timeline(Record record) {
     return timeline;
 }
 
-std::string printable(const std::string& text, bool utf8) {
-    std::string result;
-    for_each_character(text, [&](std::uint32_t code_point, const std::string& bytes) {
-        const bool is_control = code_point < 0x20 || (code_point >= 0x7F && code_point < 0xA0) ||
-                                (code_point >= 0x200E && code_point <= 0x200F) ||
-                                (code_point >= 0x2028 && code_point <= 0x202E) ||
-                                (code_point >= 0x2066 && code_point <= 0x2069);
-        if (is_control) {
-            result += code_point == '\n' || code_point == '\t' ? " " : "?";
-        } else {
-            result += utf8 || code_point < 0x80 ? bytes : "?";
-        }
-    });
-    return result;
-}
-
 std::string describe_start(const Timeline& timeline) {
     // 2026-11-21T01:38:26.718Z
     std::string text = timeline.record.started;

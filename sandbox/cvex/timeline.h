@@ -68,30 +68,6 @@ std::string describe_start(const Timeline& timeline);
 /// A duration as a person reads it, such as "1.25 s" or "0.4 ms".
 std::string describe_duration(double seconds);
 
-/// The text as it may be shown: without what would steer a terminal or turn the direction of the writing, on
-/// one line, and in ASCII unless `utf8`.
-std::string printable(const std::string& text, bool utf8);
-
-/// Calls use(code_point, its bytes) for each character of a valid UTF-8 text.
-template <typename Use>
-void for_each_character(const std::string& text, Use use) {
-    for (std::size_t begin = 0; begin < text.size();) {
-        std::size_t end = begin + 1;
-        while (end < text.size() && (static_cast<unsigned char>(text[end]) & 0xC0U) == 0x80U) {
-            ++end;
-        }
-        // The leading byte of n bytes, n > 1, holds 7 - n bits.
-        const std::size_t length = end - begin;
-        auto code_point = static_cast<std::uint32_t>(static_cast<unsigned char>(text[begin]));
-        code_point &= length == 1 ? 0x7FU : 0x7FU >> length;
-        for (std::size_t index = begin + 1; index < end; ++index) {
-            code_point = code_point << 6U | (static_cast<unsigned char>(text[index]) & 0x3FU);
-        }
-        use(code_point, text.substr(begin, length));
-        begin = end;
-    }
-}
-
 } // namespace cvex
 
 #endif

@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "common/printable.h"
 #include "cvex/timeline.h"
 
 namespace cvex {
@@ -185,7 +186,7 @@ std::string count_of(std::size_t count, const std::string& noun) {
 
 std::string escape(const std::string& text) {
     std::string result;
-    for (const char character : printable(text, true)) {
+    for (const char character : sandbox::printable(text, true)) {
         switch (character) {
         case '&':
             result += "&amp;";
@@ -211,13 +212,14 @@ std::string fit(const std::string& text, double room) {
     std::string result;
     double used = 0;
     std::string cut;
-    for_each_character(printable(text, true), [&](std::uint32_t code_point, const std::string& bytes) {
-        used += (code_point < 0x80 ? 1 : 2) * character_width;
-        if (used <= room - 2 * character_width) {
-            cut += bytes;
-        }
-        result += bytes;
-    });
+    sandbox::for_each_character(sandbox::printable(text, true),
+                                [&](std::uint32_t code_point, const std::string& bytes) {
+                                    used += (code_point < 0x80 ? 1 : 2) * character_width;
+                                    if (used <= room - 2 * character_width) {
+                                        cut += bytes;
+                                    }
+                                    result += bytes;
+                                });
     return used <= room ? result : cut + "…";
 }
 
@@ -410,7 +412,7 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
     drawn += text_at("label", middle, y - 9, label);
     if (message.failed) {
         double label_width = 0;
-        for_each_character(label, [&](std::uint32_t code_point, const std::string&) {
+        sandbox::for_each_character(label, [&](std::uint32_t code_point, const std::string&) {
             label_width += (code_point < 0x80 ? 1 : 2) * character_width;
         });
         drawn += "<path class=\"cross\" d=\"M" + number(middle - label_width / 2 - 13) + " " +

@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <vector>
 
+#include "common/printable.h"
 #include "cvex/timeline.h"
 
 namespace cvex {
@@ -73,7 +74,7 @@ std::string arrow_row(const Glyphs& glyphs, const TimelineMessage& message) {
 
 std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
     const Glyphs& glyphs = utf8 ? utf8_glyphs : ascii_glyphs;
-    std::string text = "Record of " + printable(describe_start(timeline), utf8) + ", " +
+    std::string text = "Record of " + sandbox::printable(describe_start(timeline), utf8) + ", " +
                        describe_duration(timeline.end) + ", " + std::to_string(timeline.messages.size()) +
                        " messages\n\n    time/s  ";
     for (const char* name : lane_names) {
@@ -89,7 +90,7 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
             if (event.name == "log") {
                 text += time_column(event.time) + silent_row(glyphs, glyphs.lane) + "  log " +
                         std::to_string(event.members["level"].get<int>()) + " " +
-                        printable(event.members["line"], utf8) + '\n';
+                        sandbox::printable(event.members["line"], utf8) + '\n';
             }
         }
         next_event = end;
@@ -121,9 +122,9 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
                            "idle " + describe_duration(message.time - timeline.messages[index - 1].time));
         }
         text += time_column(message.time) + arrow_row(glyphs, message) + "  " +
-                printable(message.label + duration +
-                              (message.explanation.empty() ? "" : ", " + message.explanation),
-                          utf8) +
+                sandbox::printable(message.label + duration +
+                                       (message.explanation.empty() ? "" : ", " + message.explanation),
+                                   utf8) +
                 '\n';
         if (const TimelineBar* const begun = bar_of_first[index];
             begun != nullptr && begun->kind == TimelineBar::Kind::pause) {

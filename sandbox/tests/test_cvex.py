@@ -126,6 +126,12 @@ def test_a_reply_that_does_not_come_in_time(appliance, silent_cloud):
     assert "--timeout" in result.stderr
 
 
+def test_listening_ends_with_its_time_out(ready_desk):
+    listener = ready_desk.start(ready_desk.cvex_command("listen", "--json", "--timeout", "0.2"))
+    assert listener.wait() == 0
+    assert listener.lines == ["cvex: listening"]
+
+
 def on_terminal(desk, *arguments, term="xterm", locale="C.UTF-8", columns=200, **environment):
     """Runs cvex on a terminal; returns its exit code, what it wrote, and the lines that one sees in the end."""
     controller, terminal = pty.openpty()
@@ -239,3 +245,42 @@ def test_a_live_line_does_not_wrap(ready_desk):
     frames = re.findall("\033\\[36m.\033\\[0m ([^\r\n]*)", text)
     assert frames
     assert all(len(frame) + 2 < 20 for frame in frames)
+
+
+# It would name the window, clear the screen by the one character that means ESC [, and turn the writing around.
+STEERING = "\033]0;owned\007\u009b2J\u202e\nnext"
+HARMLESS = "?]0;owned??2J? next"
+
+
+@pytest.fixture
+def steering_desk(appliance):
+    """A desk whose cloud has words that steer a terminal."""
+    appliance.start_cloud()
+    appliance.ask_cloud("POST", "/faults", [f"connect=error:{STEERING}"])
+    appliance.start_daemon()
+    return appliance
+
+
+@pytest.mark.parametrize("command", [
+    ["start", "--token", PARTNER_TOKEN],
+    ["start", "--token", PARTNER_TOKEN, "--json"],
+    ["send", "start_cloud_registration", json.dumps({"token": PARTNER_TOKEN, "token_type": "partner"})],
+])
+@pytest.mark.parametrize("term", ["xterm", "dumb"])
+def test_words_of_the_cloud_do_not_steer_a_terminal(steering_desk, command, term):
+    exit_code, text, lines = on_terminal(steering_desk, *command, term=term, NO_COLOR="1")
+    assert exit_code == 1
+    assert HARMLESS in lines[-1]
+    assert "\033" not in text.replace("\033[K", "")
+    assert not set(STEERING) & set(text) & {"\007", "\u009b", "\u202e"}
+    _, text, lines = on_terminal(steering_desk, "status", term=term)
+    assert HARMLESS in lines[-1]
+    assert "\033" not in text
+
+
+def test_a_program_gets_the_words_of_the_cloud_as_they_came(steering_desk):
+    result = steering_desk.cvex("start", "--json", "--token", PARTNER_TOKEN)
+    assert STEERING in result.stdout
+    result = steering_desk.cvex("start", "--token", PARTNER_TOKEN)
+    assert HARMLESS in result.stderr
+    assert len(result.stderr.splitlines()) == 1
