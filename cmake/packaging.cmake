@@ -61,7 +61,7 @@ if(CV_BUILD_SANDBOX AND NOT CMAKE_CROSSCOMPILING)
     list(APPEND CPACK_COMPONENTS_ALL sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_NAME cvcloudregisterhandler-sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_SECTION devel)
-    set(CPACK_DEBIAN_SANDBOX_PACKAGE_DEPENDS "cvcloudregisterhandler (= ${PROJECT_VERSION}), python3")
+    set(CPACK_DEBIAN_SANDBOX_PACKAGE_DEPENDS "cvcloudregisterhandler (= ${PROJECT_VERSION}), python3, python3-yaml")
     set(CPACK_COMPONENT_SANDBOX_DESCRIPTION 
         "An appliance on a desk: stand-ins for the cloud daemon, its utility library,
 the message exchange and the maker's cloud, real enough to run a registration

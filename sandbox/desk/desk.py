@@ -223,9 +223,18 @@ class Desk:
                               encoding="utf-8", check=False, timeout=START_TIMEOUT + STOP_TIMEOUT)
 
 
-# Where an installed desk finds its programs.
-INSTALLED_PROGRAMS_FILE = Path(__file__).with_name("programs.json")
-
-
 def programs_file_of(build_directory):
     return Path(build_directory) / "sandbox" / "programs.json"
+
+
+def make_record_directory(directory):
+    try:
+        directory.mkdir(parents=True, exist_ok=True)
+    except OSError as error:
+        raise DeskError(f"cannot make the directory {directory} of --record: {error.strerror}") from None
+
+
+def printable(text):
+    """What others have written, on one line and without what would steer a terminal or turn the direction of the
+    writing."""
+    return "".join(character if character.isprintable() else "?" for character in text)

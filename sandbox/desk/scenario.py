@@ -1,6 +1,6 @@
 """Scenarios: a bad day of the appliance in a file of YAML each, played on a desk and held against what must come out.
 
-    summary: One line for ./run --list
+    summary: One line for --list
     settings: {retry_num: 2}            # of the registration; a key that begins with / is a key of the store
     cloud: [--fault, connect=drop]      # options of cvcloud-sim; KEPT_BOXES stands for a file that lasts
     daemon: [--refuse, publish*1]       # options of cvcloudd
@@ -28,11 +28,8 @@ between slashes is a regular expression. A reply that is a text is compared as i
 been published, word by word. There is one retry without a pause unless the settings say so.
 """
 
-import argparse
 import json
 import re
-import signal
-import sys
 import threading
 from pathlib import Path
 
@@ -44,7 +41,7 @@ DIRECTORY = Path(__file__).parents[1] / "scenarios"
 SETTINGS_PREFIX = "/daemons/cvcloudd/registration/"
 SETTINGS = {SETTINGS_PREFIX + "retry_num": 1, SETTINGS_PREFIX + "retry_interval": 0}
 
-REQUEST_LINE = r"^[-0-9T:]+Z (connect/.*)$"
+REQUEST_LINE = r"^[-0-9T:.]+Z (connect/.*)$"
 DONE_MESSAGE = "cloud_registration_done"
 DONE_LINE = f'"name":"{DONE_MESSAGE}"'
 IN_PROGRESS = "error_in_progress"
@@ -230,7 +227,7 @@ def find(name):
     """The scenario of this name; raises ScenarioError."""
     path = DIRECTORY / f"{name}.yaml"
     if not path.is_file():
-        raise ScenarioError(f"no scenario is called '{name}'; see ./run --list")
+        raise ScenarioError(f"no scenario is called '{name}'; --list shows them")
     return Scenario(path)
 
 
@@ -464,44 +461,20 @@ class Narrator:
 
     def __call__(self, head, text):
         with self._lock:
-            print(f"{head:<18} {text}", flush=True)
+            print(f"{head:<18} {desk.printable(str(text))}", flush=True)
 
 
-def list_scenarios():
+def print_list():
     width = max(len(path.stem) for path in files())
     for path in files():
         print(f"{path.stem:<{width}}  {Scenario(path).summary}")
 
 
-def main():
-    parser = argparse.ArgumentParser(prog="./run", description="Plays a scenario on a desk.", allow_abbrev=False)
-    parser.add_argument("--build-dir", help="build directory of the programs")
-    parser.add_argument("--scenario", help="name of the scenario, or path of its file")
-    parser.add_argument("--list", action="store_true", help="list the scenarios")
-    parser.add_argument("--record", metavar="DIR", type=Path,
-                        help="keep a record of the run, tokens included, as DIR/record.jsonl")
-    parser.add_argument("-v", "--verbose", action="store_true", help="show the logs of the cloud and the daemon")
-    arguments = parser.parse_args()
-    desk.exit_on_signals()
-    try:
-        if arguments.list:
-            # A reader that has seen enough, such as head, ends the list.
-            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
-            list_scenarios()
-            return 0
-        if arguments.record:
-            arguments.record.mkdir(parents=True, exist_ok=True)
-        scenario = Scenario(arguments.scenario) if "/" in arguments.scenario else find(arguments.scenario)
-        narrator = Narrator()
-        narrator("scenario", f"{scenario.name}: {scenario.summary}")
-        on_line = (lambda line: print(line, file=sys.stderr, flush=True)) if arguments.verbose else None
-        Player(scenario, desk.programs_file_of(arguments.build_dir), narrator, on_line, arguments.record).play()
-        narrator("passed", f"{len(scenario.requests)} requests, {len(scenario.published)} messages published")
-        return 0
-    except (desk.DeskError, OSError) as error:
-        print(f"./run: {error}", file=sys.stderr)
-        return 1
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+def play(name, programs_file, record_directory, on_line):
+    """Plays the scenario of this name, or of this file when there is a / in it, and tells what happens; raises
+    DeskError."""
+    scenario = Scenario(name) if "/" in name else find(name)
+    narrator = Narrator()
+    narrator("scenario", f"{scenario.name}: {scenario.summary}")
+    Player(scenario, programs_file, narrator, on_line, record_directory).play()
+    narrator("passed", f"{len(scenario.requests)} requests, {len(scenario.published)} messages published")

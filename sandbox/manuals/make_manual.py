@@ -1,6 +1,6 @@
 """Makes the manual page of a program from its --help and that of its subcommands, so that the two cannot differ.
 
-    make_manual.py PROGRAM VERSION SUMMARY PAGE.gz
+    make_manual.py NAME VERSION SUMMARY PAGE.gz COMMAND...
 """
 
 import datetime
@@ -18,8 +18,9 @@ class Help:
     """One --help, taken apart."""
 
     def __init__(self, program, path):
-        text = subprocess.run([program, *path, "--help"], stdin=subprocess.DEVNULL, capture_output=True,
-                              encoding="utf-8", check=True).stdout
+        # Lines are filled where the page is shown.
+        text = subprocess.run([*program, *path, "--help"], stdin=subprocess.DEVNULL, capture_output=True,
+                              encoding="utf-8", check=True, env={**os.environ, "COLUMNS": "10000"}).stdout
         self.description, _, rest = text.partition("\nUsage: ")
         self.usage, _, rest = rest.partition("\n")
         self.entries = {section: [] for section in SECTIONS}
@@ -38,6 +39,9 @@ class Help:
                 break
         self.footer = "\n".join(lines).strip()
 
+    def notes(self):
+        return self.footer.partition("Exit codes:")[0].strip()
+
 
 def escape(text):
     text = text.replace("\\", "\\e").replace("-", "\\-")
@@ -49,22 +53,25 @@ def entry_lines(entries):
         yield from (".TP", f"\\fB{escape(name)}\\fR", escape(text) or "\\&")
 
 
-def command_lines(program, path):
+def command_lines(program, path, notes_above=""):
     """What a subcommand takes, and then its own subcommands."""
     page = Help(program, path)
     yield from (f".SS {escape(' '.join(path))}", escape(page.description), ".PP", f".B {escape(page.usage)}")
     yield from entry_lines(page.entries["Positionals:"])
     yield from entry_lines(entry for entry in page.entries["Options:"] if not entry[0].startswith("-h,"))
+    notes = page.notes()
+    if notes != notes_above:
+        yield ".PP"
+        yield from literal_lines(notes)
     for name, _ in page.entries["Subcommands:"]:
-        yield from command_lines(program, [*path, name])
+        yield from command_lines(program, [*path, name], notes)
 
 
 def literal_lines(text):
     yield from (".nf", escape(text), ".fi")
 
 
-def page_lines(program, version, summary):
-    name = Path(program).name
+def page_lines(name, version, summary, program):
     seconds = os.environ.get("SOURCE_DATE_EPOCH")
     now = datetime.datetime.now(datetime.timezone.utc)
     moment = datetime.datetime.fromtimestamp(int(seconds), now.tzinfo) if seconds else now
@@ -78,11 +85,11 @@ def page_lines(program, version, summary):
     if page.entries["Subcommands:"]:
         yield ".SH COMMANDS"
     for command, _ in page.entries["Subcommands:"]:
-        yield from command_lines(program, [command])
-    notes, _, exit_codes = page.footer.partition("Exit codes:")
-    if notes.strip():
+        yield from command_lines(program, [command], page.notes())
+    if page.notes():
         yield ".SH NOTES"
-        yield from literal_lines(notes.strip())
+        yield from literal_lines(page.notes())
+    exit_codes = page.footer.partition("Exit codes:")[2]
     yield ".SH EXIT STATUS"
     if "\n" in exit_codes:
         yield from literal_lines(exit_codes.strip("\n"))
@@ -91,8 +98,8 @@ def page_lines(program, version, summary):
 
 
 def main():
-    program, version, summary, output = sys.argv[1:]
-    text = "\n".join(page_lines(program, version, summary)) + "\n"
+    name, version, summary, output, *program = sys.argv[1:]
+    text = "\n".join(page_lines(name, version, summary, program)) + "\n"
     Path(output).write_bytes(gzip.compress(text.encode(), 9, mtime=0))
 
 

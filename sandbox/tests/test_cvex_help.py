@@ -8,8 +8,17 @@ from pathlib import Path
 import pytest
 from conftest import BUILD_DIRECTORY
 
+import desk as desk_module
+import scenario as scenario_module
+
 COMPLETION = Path(__file__).parents[1] / "completion" / "cvex.bash"
-PROGRAMS = ["cvex", "cvcloudd", "cvcloud-sim"]
+PROGRAMS = ["cvex", "cvcloudd", "cvcloud-sim", "cvdesk"]
+
+
+def command_of(appliance, program):
+    if program == "cvdesk":
+        return ["/usr/bin/python3", "-B", Path(desk_module.__file__).with_name("cvdesk.py")]
+    return [appliance.programs[program]]
 
 
 def run(*command, **options):
@@ -31,7 +40,7 @@ def shown(program):
 
 def helps(program, *path):
     """Every --help of a program: that of the program, of its subcommands, and of theirs."""
-    text = run(program, *path, "--help").stdout
+    text = run(*program, *path, "--help", env={**os.environ, "COLUMNS": "1000"}).stdout
     yield text
     commands = re.search(r"^Subcommands:\n((?:  .*\n)+)", text, re.MULTILINE)
     for name in re.findall(r"^  (\S+)", commands[1], re.MULTILINE) if commands else []:
@@ -48,8 +57,8 @@ def test_the_manual_page_can_be_found(program):
 @pytest.mark.parametrize("program", PROGRAMS)
 def test_the_manual_page_has_every_word_of_the_help(appliance, program):
     page = shown(program)
-    texts = list(helps(appliance.programs[program]))
-    assert len(texts) >= {"cvex": 12, "cvcloudd": 1, "cvcloud-sim": 6}[program]
+    texts = list(helps(command_of(appliance, program)))
+    assert len(texts) >= {"cvex": 12, "cvcloudd": 1, "cvcloud-sim": 6, "cvdesk": 1}[program]
     for text in texts:
         for line in text.replace("Usage: ", "").splitlines():
             if line not in ("Positionals:", "Options:", "Subcommands:"):
@@ -59,14 +68,20 @@ def test_the_manual_page_has_every_word_of_the_help(appliance, program):
 
 def complete(appliance, *words):
     """What bash offers for the last of the words, behind the program's name."""
+    programs = appliance.run_directory / "bin"
+    programs.mkdir(exist_ok=True)
     script = f"""
 source {COMPLETION}
 COMP_WORDS=("$@") COMP_CWORD=$(($# - 1))
 function=$(complete -p cvex); function=${{function##*-F }}; ${{function%% *}}
 printf '%s\\n' "${{COMPREPLY[@]}}"
 """
+    for program in PROGRAMS:
+        command = " ".join(f"'{word}'" for word in command_of(appliance, program))
+        (programs / program).write_text(f'#!/bin/sh\nexec {command} "$@"\n', encoding="utf-8")
+        (programs / program).chmod(0o755)
     result = run("bash", "--norc", "-c", script, "bash", *words, cwd=appliance.run_directory,
-                 env={**os.environ, "PATH": f"{Path(appliance.programs['cvex']).parent}:{os.environ['PATH']}"})
+                 env={**os.environ, "PATH": f"{programs}:{os.environ['PATH']}"})
     assert (result.returncode, result.stderr) == (0, "")
     return result.stdout.split()
 
@@ -86,16 +101,24 @@ printf '%s\\n' "${{COMPREPLY[@]}}"
     (["cvcloudd", "--record", "a"], ["a_directory", "a_file"]),
     (["cvcloudd", "--run-dir", "a"], ["a_directory"]),
     (["cvcloud-sim", "ctl", "fault"], ["fault", "faults"]),
+    (["cvdesk", "--token-type", "p"], ["partner"]),
+    (["cvdesk", "--verb"], ["--verbose"]),
+    (["cvdesk", "--scenario", "partner-"], ["partner-token"]),
+    (["cvex", "settings", "get", "/daemons/cvcloudd/registration/retry_"],
+     ["/daemons/cvcloudd/registration/retry_num", "/daemons/cvcloudd/registration/retry_interval"]),
+    (["cvex", "settings", "--file", "a_file", "set", "/network"], ["/network/interfaces/eth7/mac"]),
+    (["cvex", "settings", "--file", "a_file", "set", "/network/interfaces/eth7/mac", ""], []),
 ])
 def test_completion(appliance, words, offered):
     (appliance.run_directory / "a_directory").mkdir()
-    (appliance.run_directory / "a_file").touch()
+    (appliance.run_directory / "a_file").write_text('{"/network/interfaces/eth7/mac": "02:00:00:00:00:07"}\n')
     assert sorted(complete(appliance, *words)) == sorted(offered)
 
 
 def test_every_subcommand_and_option_is_offered(appliance):
     text = run(appliance.programs["cvex"], "start", "--help").stdout
     assert set(re.findall(r"^  (?:-h,)?(--\S+)", text, re.MULTILINE)) <= set(complete(appliance, "cvex", "start", "--"))
+    assert complete(appliance, "cvdesk", "--scenario", "") == [path.stem for path in scenario_module.files()]
     assert complete(appliance, "cvex", "") == [
         "start", "retry", "listen", "send", "status", "log-level", "timeline", "settings"]
 

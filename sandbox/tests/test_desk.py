@@ -24,7 +24,7 @@ def mark():
 def start_register_box(mark, *arguments):
     name, value = mark.split("=")
     return subprocess.Popen(
-        [sys.executable, "-B", ROOT / "sandbox/desk/register_box.py", "--build-dir", BUILD_DIRECTORY, *arguments],
+        [sys.executable, "-B", ROOT / "sandbox/desk/cvdesk.py", "--build-dir", BUILD_DIRECTORY, *arguments],
         stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE, encoding="utf-8",
         env={**os.environ, name: value})
 
@@ -59,7 +59,7 @@ def test_stops_everything_when_it_is_stopped(mark, stop_signal, exit_code):
 
 def test_a_program_that_cannot_start_is_reported_in_one_line(mark, tmp_path):
     process = subprocess.run(
-        [sys.executable, "-B", ROOT / "sandbox/desk/register_box.py", "--build-dir", tmp_path],
+        [sys.executable, "-B", ROOT / "sandbox/desk/cvdesk.py", "--build-dir", tmp_path],
         capture_output=True, encoding="utf-8", check=False, timeout=desk_module.START_TIMEOUT)
     assert process.returncode == 1
     assert process.stderr == f"./run: cannot read {tmp_path}/sandbox/programs.json: No such file or directory; " \

@@ -2,12 +2,14 @@
 
 import subprocess
 import sys
+from pathlib import Path
 
 import pytest
 from conftest import BUILD_DIRECTORY
 
 import desk as desk_module
 import scenario as scenario_module
+import traffic
 
 PROGRAMS_FILE = desk_module.programs_file_of(BUILD_DIRECTORY)
 
@@ -25,8 +27,8 @@ requests:
 """
 
 
-def play(path):
-    scenario_module.Player(scenario_module.Scenario(path), PROGRAMS_FILE).play()
+def play(path, record_directory=None):
+    scenario_module.Player(scenario_module.Scenario(path), PROGRAMS_FILE, record_directory=record_directory).play()
 
 
 def problem_of(text, tmp_path, read=play):
@@ -41,8 +43,9 @@ def problem_of(text, tmp_path, read=play):
 
 
 @pytest.mark.parametrize("path", scenario_module.files(), ids=lambda path: path.stem)
-def test_scenario(path):
-    play(path)
+def test_scenario(path, tmp_path):
+    play(path, tmp_path)
+    traffic.check_all(tmp_path)
 
 
 @pytest.mark.parametrize("text, problem", [
@@ -83,7 +86,8 @@ def test_what_does_not_come_out_is_told_with_its_place(tmp_path, old, new, probl
 
 
 def run(*arguments):
-    return subprocess.run([sys.executable, "-B", scenario_module.__file__, "--build-dir", BUILD_DIRECTORY, *arguments],
+    cvdesk = Path(desk_module.__file__).with_name("cvdesk.py")
+    return subprocess.run([sys.executable, "-B", cvdesk, "--build-dir", BUILD_DIRECTORY, *arguments],
                           stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=False,
                           timeout=desk_module.START_TIMEOUT)
 
@@ -107,4 +111,4 @@ def test_a_scenario_tells_what_happens(tmp_path):
 def test_an_unknown_scenario_is_told_in_one_line():
     result = run("--scenario", "no-such-day")
     assert (result.returncode, result.stdout) == (1, "")
-    assert result.stderr == "./run: no scenario is called 'no-such-day'; see ./run --list\n"
+    assert result.stderr == "./run: no scenario is called 'no-such-day'; --list shows them\n"

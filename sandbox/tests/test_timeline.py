@@ -305,7 +305,7 @@ def test_a_run_is_recorded_and_drawn(appliance, record_file):
 
 def register_box(*options):
     """Runs what ./run runs once it has built the programs."""
-    script = Path(desk_module.__file__).with_name("register_box.py")
+    script = Path(desk_module.__file__).with_name("cvdesk.py")
     command = ["/usr/bin/python3", "-B", str(script), "--build-dir", str(BUILD_DIRECTORY), *map(str, options)]
     return subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8",
                           check=False, timeout=desk_module.START_TIMEOUT)
