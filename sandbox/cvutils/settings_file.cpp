@@ -91,7 +91,8 @@ bool write_all(int descriptor, const std::string& text) {
 
 File::File(const std::string& file_path) : path(file_path) {
     // A directory could be opened, and then not be read.
-    if (std::filesystem::is_directory(path)) {
+    std::error_code error_of_status;
+    if (std::filesystem::is_directory(path, error_of_status)) {
         fail(path, "read", EISDIR);
     }
     std::ifstream file(path, std::ios::binary);

@@ -130,6 +130,9 @@ def test_a_file_that_cannot_be_read(store, appliance):
     for arguments in (["get", "a"], ["set", "a", "1"], ["list"]):
         assert_one_line(store.run(*arguments), 2, store.file, "No such file or directory")
         assert_one_line(store.run("--file", appliance.run_directory, *arguments), 2, appliance.run_directory)
+    store.file.symlink_to(store.file.name)
+    for arguments in (["get", "a"], ["set", "a", "1"], ["list"]):
+        assert_one_line(store.run(*arguments), 2, store.file, "cannot be read: Too many levels of symbolic links")
 
 
 def test_a_failed_replacement_leaves_the_old_file_and_nothing_else(store, appliance):
@@ -177,7 +180,6 @@ def test_the_next_start_of_a_daemon_sees_the_setting(ready_desk):
 
 
 def test_a_store_must_be_named(appliance):
-    import subprocess
     result = subprocess.run([appliance.programs["cvex"], "settings", "list"], capture_output=True, encoding="utf-8",
                             stdin=subprocess.DEVNULL, check=False, timeout=60)
     assert_one_line(result, 2, "--file", "--run-dir")
