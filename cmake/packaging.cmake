@@ -72,7 +72,8 @@ endif()
 set(documents "${PROJECT_BINARY_DIR}/documents")
 add_custom_command(
     OUTPUT "${documents}/changelog.gz"
-    COMMAND "${PROJECT_SOURCE_DIR}/scripts/debian-changelog" "${CV_PACKAGE_CONTACT}" "${documents}/changelog.gz"
+    COMMAND "${PROJECT_SOURCE_DIR}/scripts/debian-changelog"
+        "${PROJECT_VERSION}" "${CV_PACKAGE_CONTACT}" "${documents}/changelog.gz"
     DEPENDS "${PROJECT_SOURCE_DIR}/CHANGELOG.md" "${PROJECT_SOURCE_DIR}/scripts/debian-changelog"
     VERBATIM)
 add_custom_target(documents ALL DEPENDS "${documents}/changelog.gz")
