@@ -10,6 +10,8 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "common/printable.h"
+
 namespace cloud {
 
 namespace {
@@ -24,8 +26,9 @@ void log_request(const std::string& service, const CloudService::Answer& answer)
     gmtime_r(&now.tv_sec, &date);
     char time_text[32];
     std::strftime(time_text, sizeof time_text, "%Y-%m-%dT%H:%M:%S", &date);
-    std::fprintf(stderr, "%s.%03ldZ %s %s: %s\n", time_text, now.tv_nsec / 1000000, service.c_str(),
-                 answer.method.c_str(), answer.outcome.c_str());
+    // One line, whatever the names in the request are.
+    const std::string text = sandbox::printable(service + ' ' + answer.method + ": " + answer.outcome, true);
+    std::fprintf(stderr, "%s.%03ldZ %s\n", time_text, now.tv_nsec / 1000000, text.c_str());
 }
 
 /// Closes the connection under the library, which then has nobody to answer to.

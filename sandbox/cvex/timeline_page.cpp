@@ -79,7 +79,8 @@ summary { cursor: pointer; color: var(--muted); }
 table { border-collapse: collapse; margin-top: 0.6rem;
     font: 12.5px/1.5 ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
 th { text-align: left; font-weight: 600; color: var(--muted); }
-th, td { padding: 0.1rem 1rem 0.1rem 0; vertical-align: top; overflow-wrap: anywhere; }
+th, td { padding: 0.1rem 1rem 0.1rem 0; vertical-align: top; white-space: nowrap; }
+td:last-child { white-space: normal; overflow-wrap: anywhere; }
 td:first-child { text-align: right; font-variant-numeric: tabular-nums; color: var(--muted); }
 @media (max-width: 900px) {
     body { grid-template: auto 1fr 40vh / minmax(0, 1fr); }

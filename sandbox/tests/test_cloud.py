@@ -56,6 +56,15 @@ def test_each_request_is_logged_in_one_line(ready_desk):
         "connect/box_mgmt register_box: ok, 02:00:00:C0:FF:EE is box-1"]
 
 
+def test_a_request_whose_names_have_controls_is_logged_in_one_line(ready_desk):
+    host = ready_desk.cloud_url.removeprefix("http://")
+    connection = http.client.HTTPConnection(host, timeout=desk_module.START_TIMEOUT)
+    connection.request("POST", "/connect/login", json.dumps({"jsonrpc": "2.0", "id": 1, "method": "a\nb\033[2J"}))
+    connection.getresponse().read()
+    connection.close()
+    ready_desk.cloud.wait_for_line(r" connect/login a b\?\[2J: ")
+
+
 def test_an_unanswered_request_holds_up_neither_others_nor_the_stop(ready_desk):
     ctl(ready_desk, "fault", "connect=silence")
     # More than a web server has threads, commonly.

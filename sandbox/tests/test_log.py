@@ -1,7 +1,11 @@
 """The log: its lines, its level while the daemon runs, and tokens masked in it."""
 
+import contextlib
 import json
+import os
+import pty
 import re
+import subprocess
 
 import pytest
 
@@ -42,6 +46,29 @@ def test_the_level_changes_while_the_daemon_runs(appliance):
     before = len(daemon.lines)
     appliance.register()
     assert all(" detail " in line for line in log_of(appliance)[before:])
+
+
+def test_a_terminal_gets_no_controls(appliance):
+    appliance.start_cloud()
+    appliance.ask_cloud("POST", "/faults", ["connect=error:\033[2J\u009b2J\nü"])
+    appliance.write_settings({})
+    controller, terminal = pty.openpty()
+    with subprocess.Popen([str(word) for word in appliance.daemon_command()], stdin=subprocess.DEVNULL,
+                          stdout=subprocess.PIPE, stderr=terminal) as daemon:
+        os.close(terminal)
+        assert daemon.stdout.readline() == b"cvcloudd: ready\n"
+        assert appliance.cvex("start", "--json", "--token", PARTNER_TOKEN).returncode == 1
+        daemon.terminate()
+        log = b""
+        # The end of the terminal is an error on this side of it.
+        with contextlib.suppress(OSError):
+            while data := os.read(controller, 65536):
+                log += data
+    os.close(controller)
+    text = log.decode()
+    assert "?[2J?2J?ü" in text
+    assert "\033" not in text and "\u009b" not in text
+    assert all(re.fullmatch(LINE, line) for line in text.rstrip().split("\r\n"))
 
 
 @pytest.mark.parametrize("level", ["4", "-1", "much"])

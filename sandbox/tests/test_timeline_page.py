@@ -235,6 +235,20 @@ def test_a_hostile_record_is_shown_as_text(page):
     assert attack in driver.find_element(By.TAG_NAME, "table").text
 
 
+def test_the_log_breaks_no_word_beside_its_lines(page):
+    driver = page(Events().log(1, "a long line " * 100))
+    driver.find_element(By.TAG_NAME, "summary").click()
+    heights = driver.execute_script("""
+        return [...document.querySelectorAll("th, td")].map(cell => {
+            const range = document.createRange();
+            range.selectNodeContents(cell);
+            return range.getBoundingClientRect().height / parseFloat(getComputedStyle(cell).lineHeight);
+        });""")
+    assert len(heights) == 8
+    assert max(heights[:7]) < 1.5
+    assert heights[7] > 3
+
+
 def test_a_document_nested_without_end_is_left_as_text(page):
     body = "[" * 100000 + "]" * 100000
     driver = page(Events().response(1, 1, "connect", body=body))
