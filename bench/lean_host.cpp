@@ -72,8 +72,10 @@ void hold_worker_in_select(Event* resume) {
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
     static const auto next = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
     in_host = false; // A worker comes here before all else.
+    // Taken before the signal: what is asked for after it is meant for the next time.
+    const Event* const resume = select_resumes.exchange(nullptr);
     worker_idle().signal();
-    if (const Event* const resume = select_resumes.exchange(nullptr)) {
+    if (resume != nullptr) {
         resume->wait();
     }
     return next(count, readable, writable, exceptional, timeout);

@@ -141,6 +141,7 @@ class ConditionQueue : public StandIn {
 
 class PromiseWithTimeout : public StandIn {
     void wake() override {
+        const std::lock_guard<std::mutex> lock(mutex);
         promise.set_value();
     }
 
@@ -150,9 +151,11 @@ class PromiseWithTimeout : public StandIn {
         while (future.wait_for(std::chrono::seconds(1)) != std::future_status::ready) {
             // A time-out: nothing is overdue yet.
         }
+        const std::lock_guard<std::mutex> lock(mutex); // The promise is in use until wake() returns.
         promise = {};
     }
 
+    std::mutex mutex;
     std::promise<void> promise;
 };
 

@@ -1,0 +1,75 @@
+"""Holds the counts against the committed budgets, budgets.toml."""
+
+import tomllib
+
+import limits
+import measurements
+from measurements import ROOT
+
+BUDGETS = ROOT / "bench" / "budgets.toml"
+
+
+class Gates:
+    """The comparisons made so far."""
+
+    def __init__(self):
+        self.budgets = tomllib.loads(BUDGETS.read_text())
+        self.passed = 0
+        self.exceeded = []
+
+    def check(self, what, measured, section, name):
+        budget = self.budgets[section][name]
+        tolerance = self.budgets[section].get("tolerance_percent", 0)
+        self.compare(what, measured, budget, tolerance, f"{section}.{name} in bench/budgets.toml")
+
+    def compare(self, what, measured, budget, tolerance, where):
+        if measured <= budget * (1 + tolerance / 100):
+            self.passed += 1
+            return
+        allowed = f"{budget:.10g}" + (f" and {tolerance} %" if tolerance else "")
+        self.exceeded.append(f"{what}: {measured:.10g}, budget {allowed}; to accept it on purpose, raise {where}")
+
+
+def idle(gates, figures):
+    for phase in figures:
+        for name, unit in (("voluntary_switches", "context switches of its own accord"),
+                           ("cpu_nanoseconds", "nanoseconds on a processor")):
+            gates.check(f"idle worker, {phase['phase']}, {phase['seconds']} s: {unit}", phase[name], "idle", name)
+
+
+def calls(gates, figures):
+    for name, count in figures.items():
+        what = "other system calls" if name == "other" else f"calls of {name}"
+        gates.check(f"{what} for each wake-up", count, "calls", name)
+
+
+def instructions(gates, figures):
+    for scenario in measurements.SCENARIOS:
+        gates.check(f"instructions of {scenario}", measurements.total(figures[scenario]), "instructions", scenario)
+
+
+def growth(gates, figures):
+    for name, line in figures.items():
+        gates.check(f"instructions for each byte of the {name}", line["slope"], "growth", name)
+
+
+def allocations(gates, figures):
+    for scenario, figure in figures["scenarios"].items():
+        gates.check(f"allocations of {scenario}", figure["allocations"], "allocations", scenario)
+    for name in ("blocks", "bytes"):
+        gates.check(f"growth of the heap over {figures['long_run']['registrations']} registrations in {name}",
+                    figures["long_run"][name], "long_run", name)
+
+
+def footprint(gates, figures):
+    for architecture, sizes in figures["sections"].items():
+        for name in ("text", "data"):
+            gates.compare(f"{architecture} library, stripped, bytes of {name}", sizes[name],
+                          limits.limits_of(architecture)[name], 0, f"{architecture}.{name} in tests/abi/limits.toml")
+    gates.check("amd64 library, relocations", figures["sections"]["amd64"]["relocations"], "footprint", "relocations")
+    for stage in ("loaded", "registered"):
+        gates.check(f"private kilobytes of the library, {stage}", figures["stages"][stage]["private_kilobytes"],
+                    "private_kilobytes", stage)
+    for name in ("descriptors", "threads"):
+        gates.check(f"{name} after a registration", figures["stages"]["registered"][name], "footprint", name)
+        gates.check(f"{name} left after unloading", figures["stages"]["unloaded"][name], "footprint", f"{name}_left")
