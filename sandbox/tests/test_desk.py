@@ -71,6 +71,8 @@ def test_a_program_that_cannot_start_is_reported_in_one_line(mark, tmp_path):
     (["--colour"], 2, "--colour"),
     (["--token-type", "Partner"], 2, "--token-type"),
     (["--mac"], 2, "--mac"),
+    (["--scenario", "no-such-day"], 2, "'no-such-day'"),
+    (["--scenario", "partner-token", "--mac", "m"], 2, "--mac"),
 ])
 def test_run_reads_its_options_before_anything_else(arguments, exit_code, text):
     result = subprocess.run([ROOT / "run", *arguments], capture_output=True, encoding="utf-8", check=False,
