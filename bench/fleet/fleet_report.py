@@ -49,9 +49,8 @@ class Recorder:
         self._died.add(box)
 
     def requested(self, time):
-        """The cloud has got a request."""
-        if self.start is not None:
-            self._requests.append(time - self.start)
+        """The cloud has got a request; it may say so before the boxes have said that they start."""
+        self._requests.append(time)
 
     @property
     def registered(self):
@@ -74,7 +73,7 @@ class Recorder:
                   "answered": [time for time, _, status in self._tries if status == 0],
                   "registered": registered, "failed": failed}
         if self._requests:
-            series["cloud"] = self._requests
+            series["cloud"] = [time - self.start for time in self._requests]
         length = 1 + max((math.floor(max(times)) for times in series.values() if times), default=0)
         return {
             **self._settings,

@@ -233,6 +233,7 @@ def test_boxes_without_a_library_are_told_in_one_line(tmp_path):
 
 def test_a_box_that_ends_in_another_way_is_counted():
     recorder = fleet_report.Recorder(4, {"spread": 0.0, "retry_num": 3, "retry_interval": 1})
+    recorder.requested(100.25)
     recorder.start = 100.0
     recorder.tried(100.0, 100.5, 0)
     recorder.tried(100.5, 101.25, 0)
@@ -245,6 +246,6 @@ def test_a_box_that_ends_in_another_way_is_counted():
     report = recorder.report()
     assert (report["registered"], report["failed"], report["died"], report["unfinished"]) == (1, 1, 1, 1)
     assert report["per_second"] == {"tries": [3, 0, 0], "answered": [2, 0, 0], "registered": [0, 1, 0],
-                                    "failed": [0, 0, 1]}
+                                    "failed": [0, 0, 1], "cloud": [1, 0, 0]}
     assert report["last_end"] == 2.0
     assert report["answer_seconds"] == {"median": 0.625, "longest": 0.75}
