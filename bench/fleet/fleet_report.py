@@ -173,11 +173,11 @@ def save_figure(figure, path):
 def new_figure(rows, height):
     """A figure with `rows` plots under one time axis; returns it and the list of plots."""
     # Of no use to whoever wants no plot.
-    import matplotlib  # pylint: disable=import-outside-toplevel
+    import matplotlib
     matplotlib.use("svg")
     matplotlib.rcParams.update({"svg.hashsalt": "fleet", "svg.fonttype": "none", "font.size": 9,
                                 "axes.spines.top": False, "axes.spines.right": False, "legend.frameon": False})
-    from matplotlib import pyplot  # pylint: disable=import-outside-toplevel
+    from matplotlib import pyplot
     figure, plots = pyplot.subplots(rows, sharex=True, squeeze=False, figsize=(7, height))
     return figure, list(plots[:, 0])
 

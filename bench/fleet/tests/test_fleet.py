@@ -201,6 +201,7 @@ def test_killed_it_leaves_nothing(mark):
     (["1", "--outage", "5"], "'5' is not FROM:TO"),
     (["1", "--outage", "5:4"], "'5:4' is not FROM:TO"),
     (["1", "--outage", "1:2", "--cloud-url", "http://127.0.0.1:1"], "--outage is for the cloud that cvfleet starts"),
+    (["1", "--cloud-url", "127.0.0.1:1"], "127.0.0.1:1 is not a URL of the form http://host:port"),
     (["4", "--jobs", "2", "--index", "2"], "--index 2 is none of the 2 parts"),
     (["1", "--jobs", "2", "--index", "0"], "part 0 of 2 has none of the 1 boxes"),
     (["1", "--colour"], "--colour"),
@@ -229,6 +230,24 @@ def test_boxes_without_a_library_are_told_in_one_line(tmp_path):
          "--settings", settings], capture_output=True, encoding="utf-8", check=False, timeout=TIMEOUT)
     assert (result.returncode, result.stdout, len(result.stderr.splitlines())) == (1, "", 1)
     assert str(library) in result.stderr
+
+
+def test_a_box_that_is_killed_is_told(mark, tmp_path):
+    settings = tmp_path / "settings.json"
+    settings.write_text("{}", encoding="utf-8")
+    boxes = subprocess.Popen(
+        [BUILD_DIRECTORY / "bin/cvbox", "--first", "7", "--count", "2", "--cloud-url", "http://127.0.0.1:1",
+         "--handler", json.loads((BUILD_DIRECTORY / "sandbox/programs.json").read_text(encoding="utf-8"))["handler"],
+         "--settings", settings, "--start-at", str(time.time() + 3600)], stdout=subprocess.PIPE, encoding="utf-8")
+    assert re.fullmatch(r"ready 2 \d+\n", boxes.stdout.readline())
+    assert boxes.stdout.readline().startswith("start ")
+    first, second = Path(f"/proc/{boxes.pid}/task/{boxes.pid}/children").read_text(encoding="ascii").split()
+    os.kill(int(second), signal.SIGKILL)
+    assert boxes.stdout.readline() == "died 8\n"
+    os.kill(int(first), signal.SIGKILL)
+    assert boxes.communicate(timeout=TIMEOUT)[0] == "died 7\n"
+    assert boxes.returncode == 0
+    assert processes_with(mark) == []
 
 
 def test_a_box_that_ends_in_another_way_is_counted():
