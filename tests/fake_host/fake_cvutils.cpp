@@ -1,6 +1,5 @@
 #include "fake_cvutils.h"
 
-#include <cstdarg>
 #include <cstdio>
 #include <map>
 #include <mutex>
@@ -116,26 +115,6 @@ void log_json(int level, const char* title, const json_t* document) {
     }
 }
 
-MemoryStream::MemoryStream(char* stream_buffer, std::size_t buffer_size)
-    : buffer(stream_buffer), size(buffer_size), length(0) {
-    buffer[0] = '\0';
-}
-
-void MemoryStream::print(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int wanted = std::vsnprintf(buffer + length, size - length, format, arguments);
-    va_end(arguments);
-    if (wanted > 0) {
-        const auto added = static_cast<std::size_t>(wanted);
-        length = added < size - length ? length + added : size - 1;
-    }
-}
-
-const char* MemoryStream::text() const {
-    return buffer;
-}
-
 bool json_attach_value(json_t* object, const char* key, const char* value) {
     return !attach_fails(key) && json_object_set_new(object, key, json_string(value)) == 0;
 }
@@ -150,22 +129,6 @@ bool json_attach_value(json_t* object, const char* key, const std::vector<std::s
         complete = json_array_append_new(array, json_string(value.c_str())) == 0 && complete;
     }
     return json_object_set_new(object, key, array) == 0 && complete;
-}
-
-const char* json_extract_string_value(const json_t* value) {
-    return json_string_value(value);
-}
-
-const char* json_extract_string_value(const json_t* object, const char* key) {
-    return json_string_value(json_object_get(object, key));
-}
-
-json_t* json_object_get_recursive(const json_t* root, const std::vector<std::string>& keys) {
-    const json_t* value = root;
-    for (const std::string& key : keys) {
-        value = json_object_get(value, key.c_str());
-    }
-    return const_cast<json_t*>(value);
 }
 
 bool get_mac_address(const std::string& interface_name, std::string& mac) {

@@ -1,6 +1,5 @@
 // What a daemon, or the system, may do to the loaded library; docs/host-hazards.md tells what comes of each.
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <semaphore.h>
@@ -15,7 +14,6 @@
 #include <cerrno>
 #include <clocale>
 #include <csignal>
-#include <memory>
 #include <set>
 #include <string>
 #include <thread>
@@ -27,20 +25,6 @@
 #include "journal.h"
 
 namespace {
-
-const std::string kStart = R"({"token": "T", "token_type": "partner"})";
-const std::string kUserToken = R"({"result": {"user_token": "U"}})";
-const std::string kDeviceId = R"({"result": {"device_id": "D"}})";
-const std::string kDone = R"({"result": "ok", "user_token": "U", "device_id": "D"})";
-
-std::set<std::string> names_in(const char* directory) {
-    std::set<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory), closedir);
-    while (const dirent* entry = readdir(stream.get())) {
-        names.insert(entry->d_name);
-    }
-    return names;
-}
 
 std::set<int> open_descriptors() {
     std::set<int> descriptors;

@@ -1,5 +1,6 @@
 #include "handler_library.h"
 
+#include <dirent.h>
 #include <dlfcn.h>
 
 #include <algorithm>
@@ -72,6 +73,15 @@ void AwaitEndOfRun(const std::string& event, std::size_t times) {
         seen += *position == event ? 1U : 0U;
     }
     fake_host::Await("select", static_cast<std::size_t>(std::count(events.begin(), position, "select")) + 1);
+}
+
+std::set<std::string> names_in(const char* directory) {
+    std::set<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory), closedir);
+    while (const dirent* entry = readdir(stream.get())) {
+        names.insert(entry->d_name);
+    }
+    return names;
 }
 
 LibraryTest::LibraryTest() {

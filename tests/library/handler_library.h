@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -46,6 +47,12 @@ private:
 constexpr int kWithReply = 2;
 constexpr int kWithoutReply = 1;
 
+/// A valid start, the cloud's good answers to its requests, and what is published and replied then.
+inline const std::string kStart = R"({"token": "T", "token_type": "partner"})";
+inline const std::string kUserToken = R"({"result": {"user_token": "U"}})";
+inline const std::string kDeviceId = R"({"result": {"device_id": "D"}})";
+inline const std::string kDone = R"({"result": "ok", "user_token": "U", "device_id": "D"})";
+
 /// Delivers a command as the daemon does: the payload without a NUL behind it, and gone after the call.
 void send_command(CvHandlerAPI& handler, const std::string& name, const std::string& payload, int type,
                   unsigned long long request_id);
@@ -58,6 +65,9 @@ void ExpectTraffic(const std::vector<std::string>& events);
 /// Waits until the event has happened `times` times and the worker has ended the run in which it did: until
 /// then the next command would be refused.
 void AwaitEndOfRun(const std::string& event, std::size_t times = 1);
+
+/// The names in a directory.
+std::set<std::string> names_in(const char* directory);
 
 /// A daemon with the handler loaded. Every test ends with a shut-down and the library gone.
 class LibraryTest : public ::testing::Test {

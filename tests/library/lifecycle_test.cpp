@@ -1,6 +1,5 @@
 // The library from its load to its unload: init(), uninit(), and what they leave in the process.
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -10,7 +9,6 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <string>
 #include <vector>
@@ -24,20 +22,6 @@
 #include "system_calls.h"
 
 namespace {
-
-const std::string kStart = R"({"token": "T", "token_type": "partner"})";
-const std::string kUserToken = R"({"result": {"user_token": "U"}})";
-const std::string kDeviceId = R"({"result": {"device_id": "D"}})";
-const std::string kDone = R"({"result": "ok", "user_token": "U", "device_id": "D"})";
-
-std::set<std::string> names_in(const char* directory) {
-    std::set<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir(directory), closedir);
-    while (const dirent* entry = readdir(stream.get())) {
-        names.insert(entry->d_name);
-    }
-    return names;
-}
 
 std::set<std::string> open_descriptors() {
     return names_in("/proc/self/fd");

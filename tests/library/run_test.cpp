@@ -23,10 +23,6 @@ const std::string kTemporaryStart = R"({"token": "T", "token_type": "temporary"}
 const std::string kLogin = "connect/login";
 const std::string kBoxManagement = "connect/box_mgmt";
 
-const std::string kUserToken = R"({"result": {"user_token": "U"}})";
-const std::string kDeviceId = R"({"result": {"device_id": "D"}})";
-const std::string kDone = R"({"result": "ok", "user_token": "U", "device_id": "D"})";
-
 const std::string kConnect =
     R"(build_request connect {"partner_user_token": "T", "partner_id": "acme"} fields=no)";
 const std::string kGetDeviceToken =

@@ -77,21 +77,7 @@ void write_report(Role role, void* const* addresses, int count) {
 class CatchingDaemon {
 public:
     explicit CatchingDaemon(const Scenario& played) : scenario(played) {
-        host.partner_id = "the partner's identifier";
-        host.answers_inside = scenario.answers_inside;
-        host.failing_builds = scenario.failing_builds;
-        host.failing_sends = scenario.failing_sends;
-        host.failing_publishes = scenario.failing_publishes;
-        host.choose = [this](const std::string& service) {
-            std::deque<Answer>& answers =
-                service == "connect/login" ? scenario.login_answers : scenario.box_answers;
-            Answer answer = service == "connect/login" ? good_login() : good_box();
-            if (!answers.empty()) {
-                answer = answers.front();
-                answers.pop_front();
-            }
-            return answer;
-        };
+        script(host, scenario);
     }
 
     // Ends with one of the codes above, unless the process ends first.

@@ -112,6 +112,24 @@ std::vector<Scenario> scenarios() {
     return list;
 }
 
+void script(TracedHost& host, Scenario& scenario) {
+    host.partner_id = "the partner's identifier";
+    host.answers_inside = scenario.answers_inside;
+    host.failing_builds = scenario.failing_builds;
+    host.failing_sends = scenario.failing_sends;
+    host.failing_publishes = scenario.failing_publishes;
+    host.choose = [&scenario](const std::string& service) {
+        const bool login = service == "connect/login";
+        std::deque<Answer>& answers = login ? scenario.login_answers : scenario.box_answers;
+        Answer answer = login ? good_login() : good_box();
+        if (!answers.empty()) {
+            answer = answers.front();
+            answers.pop_front();
+        }
+        return answer;
+    };
+}
+
 void deliver(const Command& command) {
     const auto bytes = std::make_unique<char[]>(command.payload.length());
     std::memcpy(bytes.get(), command.payload.data(), command.payload.length());

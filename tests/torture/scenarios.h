@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "rules.h"
+#include "traced_host.h"
 
 /// Commands, and the answers to the requests that they cause. When the answers run out the cloud is kind.
 struct Scenario {
@@ -29,6 +30,9 @@ Answer good_box();
 /// A valid start and a retry.
 Command start(bool partner, unsigned long long request_id, int type = 2);
 Command retry(unsigned long long request_id, int type = 2);
+
+/// Makes the daemon and its cloud behave as the scenario says, whose answers it uses up.
+void script(TracedHost& host, Scenario& scenario);
 
 /// Delivers a command as the daemon does: the payload without a NUL behind it, and gone after the call.
 void deliver(const Command& command);

@@ -99,21 +99,7 @@ void reopen_descriptor_zero() {
 class Box {
 public:
     explicit Box(const Scenario& played) : scenario(played), rules(host) {
-        host.partner_id = "the partner's identifier";
-        host.answers_inside = scenario.answers_inside;
-        host.failing_builds = scenario.failing_builds;
-        host.failing_sends = scenario.failing_sends;
-        host.failing_publishes = scenario.failing_publishes;
-        host.choose = [this](const std::string& service) {
-            std::deque<Answer>& answers =
-                service == "connect/login" ? scenario.login_answers : scenario.box_answers;
-            Answer answer = service == "connect/login" ? good_login() : good_box();
-            if (!answers.empty()) {
-                answer = answers.front();
-                answers.pop_front();
-            }
-            return answer;
-        };
+        script(host, scenario);
     }
 
     void init() {

@@ -1,7 +1,5 @@
 #include "traced_host.h"
 
-#include <cstdarg>
-#include <cstdio>
 #include <cstring>
 #include <exception>
 #include <new>
@@ -156,26 +154,6 @@ void log::print(int /*destination*/, int level, const char* line) {
 
 void log_json(int /*level*/, const char* /*title*/, const json_t* /*document*/) {}
 
-MemoryStream::MemoryStream(char* stream_buffer, std::size_t buffer_size)
-    : buffer(stream_buffer), size(buffer_size), length(0) {
-    buffer[0] = '\0';
-}
-
-void MemoryStream::print(const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    const int wanted = std::vsnprintf(buffer + length, size - length, format, arguments);
-    va_end(arguments);
-    if (wanted > 0) {
-        const auto added = static_cast<std::size_t>(wanted);
-        length = added < size - length ? length + added : size - 1;
-    }
-}
-
-const char* MemoryStream::text() const {
-    return buffer;
-}
-
 static bool traced_attach(const char* key, bool attached) {
     const Outside host;
     underneath::record({std::string("attach ") + key, attached ? 1 : 0});
@@ -196,22 +174,6 @@ bool json_attach_value(json_t* object, const char* key, const std::vector<std::s
         json_decref(array);
     }
     return traced_attach(key, complete && json_object_set_new(object, key, array) == 0);
-}
-
-const char* json_extract_string_value(const json_t* value) {
-    return json_string_value(value);
-}
-
-const char* json_extract_string_value(const json_t* object, const char* key) {
-    return json_string_value(json_object_get(object, key));
-}
-
-json_t* json_object_get_recursive(const json_t* root, const std::vector<std::string>& keys) {
-    const json_t* value = root;
-    for (const std::string& key : keys) {
-        value = json_object_get(value, key.c_str());
-    }
-    return const_cast<json_t*>(value);
 }
 
 bool get_mac_address(const std::string& /*interface_name*/, std::string& mac) {
