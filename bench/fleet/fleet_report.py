@@ -182,28 +182,37 @@ def new_figure(rows, height):
     return figure, list(plots[:, 0])
 
 
+def draw(axes, counts, **style):
+    """Draws what was counted in each second."""
+    axes.stairs(counts, range(len(counts) + 1), baseline=None, **style)
+
+
+def finish(axes):
+    """The scale from 0 on, and the legend beside the plot."""
+    axes.set_ylim(0, 1.05 * axes.dataLim.y1)
+    axes.legend(loc="upper left", bbox_to_anchor=(1, 1))
+
+
 def plot(report, path):
     series = report["per_second"]
     figure, (rates, boxes) = new_figure(2, 4.5)
-    seconds = range(len(series["tries"]))
     unanswered = [tries - answered for tries, answered in zip(series["tries"], series["answered"])]
     if "cloud" in series:
-        rates.step(seconds, series["cloud"], where="post", color="tab:blue", label="requests that the cloud got")
+        draw(rates, series["cloud"], color="tab:blue", label="requests that\nthe cloud got")
     else:
-        rates.step(seconds, series["answered"], where="post", color="tab:blue", label="tries that were answered")
+        draw(rates, series["answered"], color="tab:blue", label="tries answered")
     if any(unanswered):
-        rates.step(seconds, unanswered, where="post", color="tab:red", label="tries in vain")
+        draw(rates, unanswered, color="tab:red", label="tries in vain")
     rates.set_ylabel("per second")
     for name, colour in (("registered", "tab:green"), ("failed", "tab:red")):
         total = 0
         totals = [total := total + count for count in series[name]]
-        boxes.step(seconds, totals, where="post", color=colour, label=name)
+        draw(boxes, totals, color=colour, label=name)
     boxes.set_ylabel("boxes")
     boxes.set_xlabel("seconds after the start")
     for axes in (rates, boxes):
-        axes.set_ylim(bottom=0)
         if report["outage"]:
-            axes.axvspan(*report["outage"], color="0.9", linewidth=0, label="cloud down")
-        axes.legend(loc="best")
+            axes.axvspan(*report["outage"], color="0.9", linewidth=0, zorder=0, label="cloud down")
+        finish(axes)
     rates.set_title(describe(report), fontsize=9)
     save_figure(figure, path)
