@@ -1,5 +1,5 @@
 // allocations LIBRARY [REGISTRATIONS]
-// Counts the allocations of each scenario, and what is alive after many registrations.
+// Counts the allocations of each scenario and of the floor, and what is alive after many registrations.
 
 #include <malloc.h>
 
@@ -7,8 +7,10 @@
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
+#include <memory>
 
 #include "scenarios.h"
+#include "stand_ins.h"
 
 // The allocator's own names for what is counted here. The operators new and delete of the C++ library and
 // jansson come here, too.
@@ -108,6 +110,11 @@ int main(int argc, char** argv) {
     for (const char* scenario : kScenarios) {
         json_object_set_new(scenarios, scenario, measure(host, handler, scenario, 32, 32));
     }
+    const std::unique_ptr<StandIn> floor = make_floor();
+    LeanHost floor_host;
+    floor_host.init(*floor);
+    json_object_set_new(scenarios, "floor", measure(floor_host, *floor, "partner", 32, 32));
+    floor->uninit();
     json_object_set_new(result, "scenarios", scenarios);
 
     json_t* const growth = json_array();

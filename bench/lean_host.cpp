@@ -72,13 +72,18 @@ void hold_worker_in_select(Event* resume) {
 int select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
     static const auto next = reinterpret_cast<decltype(&select)>(dlsym(RTLD_NEXT, "select"));
     in_host = false; // A worker comes here before all else.
-    // Taken before the signal: what is asked for after it is meant for the next time.
-    const Event* const resume = select_resumes.exchange(nullptr);
-    worker_idle().signal();
-    if (resume != nullptr) {
-        resume->wait();
+    static thread_local bool woken = true;
+    if (woken) {
+        // Taken before the signal: what is asked for after it is meant for the next time.
+        const Event* const resume = select_resumes.exchange(nullptr);
+        worker_idle().signal();
+        if (resume != nullptr) {
+            resume->wait();
+        }
     }
-    return next(count, readable, writable, exceptional, timeout);
+    const int result = next(count, readable, writable, exceptional, timeout);
+    woken = result > 0;
+    return result;
 }
 
 unsigned int sleep(unsigned int /*seconds*/) {

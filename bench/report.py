@@ -22,7 +22,7 @@ def table(header, rows):
 
 
 def number(value):
-    return f"{value:,.0f}"
+    return f"{round(value):,}"
 
 
 def microseconds(nanoseconds):
@@ -210,10 +210,12 @@ def findings(figures):
         ratio = ratios(figures["latency"], "module", "floor", lambda steps: steps[step])["median"]
         lines.append(f"- {what}: {ratio:.2f} times the floor; goal 1.2: {verdict(ratio <= 1.2)}")
     repeats = figures["mechanisms"]["latency"]
-    poll = ratios(repeats, "poll every 1 ms", "module", lambda times: times)["median"]
     best = min(BLOCKING, key=lambda name: middle(repeats, name))
+    poll = ratios(repeats, "poll every 1 ms", "module", lambda times: times)["median"]
     to_best = ratios(repeats, "module", best, lambda times: times)["median"]
-    lines.append(f"- the 1 ms poll takes {poll:.0f} times as long as the module; goal 50: {verdict(poll >= 50)}")
+    best_poll = ratios(repeats, "poll every 1 ms", best, lambda times: times)["median"]
+    lines.append(f"- the 1 ms poll takes {poll:.0f} times as long as the module; goal 50: {verdict(poll >= 50)}"
+                 f" ({best_poll:.0f} times as long as the best of the blocking mechanisms)")
     lines.append(f"- {to_best:.2f} times the best of the blocking mechanisms, the {best}; goal 1.3: "
                  f"{verdict(to_best <= 1.3)}")
     return "\n".join(lines)
