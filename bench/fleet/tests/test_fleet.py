@@ -5,6 +5,7 @@ import os
 import pty
 import re
 import select
+import shutil
 import signal
 import subprocess
 import sys
@@ -181,14 +182,18 @@ def test_interrupted_it_stops_all_and_tells_what_was_reached(mark, number, exit_
 def test_killed_it_leaves_nothing(mark):
     terminal = Terminal()
     terminal.read_until("0 of 20 boxes ended.*0 registered, 0 failed")
-    started = [os.pidfd_open(process) for process in processes_with(mark)]
-    assert len(started) > BOXES
+    processes = processes_with(mark)
+    assert len(processes) > BOXES
+    started = [os.pidfd_open(process) for process in processes]
+    command_lines = [Path(f"/proc/{process}/cmdline").read_text(encoding="utf-8") for process in processes]
+    settings = re.search(r"--settings\0([^\0]+)", "".join(command_lines))[1]
     terminal.process.kill()
     terminal.process.wait(TIMEOUT)
     for process in started:
         assert select.select([process], [], [], TIMEOUT)[0]
         os.close(process)
     assert processes_with(mark) == []
+    shutil.rmtree(Path(settings).parent)  # Nobody was left to do it.
     terminal.close()
 
 
