@@ -50,7 +50,7 @@ void init_global_settings() {
 }
 
 std::string build_error_response(ErrorId id, const std::string& reason) {
-    static const std::map<ErrorId, std::string> results = {
+    static const std::map<ErrorId, const char*> results = {
         {error_invalid_arguments, "error_invalid_arguments"},
         {error_in_progress, "error_in_progress"},
         {error_internal, "error_internal"},
@@ -61,8 +61,8 @@ std::string build_error_response(ErrorId id, const std::string& reason) {
         {error_other, "error_other"},
     };
     const auto found = results.find(id);
-    const std::string result = found != results.end() ? found->second : "error";
-    return "{\"result\": \"" + result + "\", \"reason\": \"" + reason + "\"}";
+    const char* const result = found != results.end() ? found->second : "error";
+    return std::string("{\"result\": \"") + result + "\", \"reason\": \"" + reason + "\"}";
 }
 
 int send_cvex_response(unsigned long long request_id, const std::string& text) {
