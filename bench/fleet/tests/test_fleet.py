@@ -114,7 +114,7 @@ def test_parts_of_a_fleet_make_one_report(tmp_path):
     lines = []
     with desk.Desk(desk.programs_file_of(BUILD_DIRECTORY)) as appliance:
         appliance.start_cloud()
-        start = time.time() + 1
+        start = int(time.time()) + 2  # Told in microseconds; a whole second is the same again.
         parts = [subprocess.Popen([*map(str, CVFLEET), "7", "--jobs", "3", "--cloud-url", appliance.cloud_url,
                                    "--start-at", str(start), "--json", "-"], stdin=subprocess.DEVNULL,
                                   stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, encoding="utf-8",
