@@ -31,7 +31,6 @@ Activity activity_of(int thread) {
 // The worker has said that it is about to wait; the kernel tells when it does.
 void await_sleep(int thread) {
     const std::string file = "/proc/self/task/" + std::to_string(thread) + "/status";
-    const std::string label = "State:\t";
     for (;;) {
         std::ifstream stream(file);
         const std::string text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());

@@ -3,9 +3,7 @@
 // They are forked from this process before it has any thread, so that they share what is the same for all.
 // What happens is told on the standard output, a line in one write each, times in seconds since the epoch:
 //
-//     ready COUNT KIB                     every box has its handler initialised; the memory of all of them,
-//     each
-//                                         shared page counted once
+//     ready COUNT KIB                     every box has its handler initialised; memory of all of them
 //     start TIME                          the instant that the spread of the starts counts from
 //     try BOX METHOD BEGIN END STATUS     a request and what came of it, see fleet::Try
 //     end BOX TIME registered DEVICE      the device id as the cloud gave it
@@ -182,7 +180,7 @@ void await_ready(const Options& options, const Pipe& ready) {
     }
 }
 
-/// Proportional memory of the processes together, in KiB.
+/// The memory of the processes together, each shared page counted once, in KiB.
 long memory_of(const std::map<pid_t, long>& boxes) {
     long sum = 0;
     for (const auto& [process, box] : boxes) {
