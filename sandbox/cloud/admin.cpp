@@ -9,7 +9,6 @@ namespace cloud {
 
 namespace {
 
-constexpr const char* json_type = "application/json";
 constexpr int http_ok = 200;
 constexpr int http_bad_request = 400;
 

@@ -16,7 +16,6 @@ namespace cloud {
 
 namespace {
 
-constexpr const char* json_type = "application/json";
 constexpr const char* text_type = "text/plain";
 
 void log_request(const std::string& service, const CloudService::Answer& answer) {

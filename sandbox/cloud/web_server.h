@@ -9,6 +9,9 @@
 
 namespace cloud {
 
+/// The media type of what the cloud takes and sends.
+inline constexpr const char* json_type = "application/json";
+
 /// A server with a thread for each connection, so that a request which is not answered holds up no other.
 class WebServer {
 public:

@@ -77,9 +77,9 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log) {
     std::string text = "Record of " + sandbox::printable(describe_start(timeline), utf8) + ", " +
                        describe_duration(timeline.end) + ", " + std::to_string(timeline.messages.size()) +
                        " messages\n\n    time/s  ";
-    for (const char* name : lane_names) {
-        const std::string word = name;
-        text += word + std::string(name == lane_names.back() ? 0 : lane_distance - word.size(), ' ');
+    for (std::size_t lane = 0; lane < lane_names.size(); ++lane) {
+        const std::string word = lane_names[lane];
+        text += lane + 1 < lane_names.size() ? word + std::string(lane_distance - word.size(), ' ') : word;
     }
     text += '\n';
 

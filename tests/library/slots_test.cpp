@@ -67,7 +67,8 @@ struct ResponseBytes {
 // ---- The cloud access object as a raw table
 
 struct RawCloud;
-using Callback = void (*)(void* response, void* user_data);
+// With the type of its response: the undefined-behaviour sanitizer compares it.
+using Callback = void (*)(cvtessel_response* response, void* user_data);
 
 int send_request(RawCloud* self, const char* request, const char* service, Callback callback,
                  void* user_data);
@@ -221,14 +222,14 @@ TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
     EXPECT_EQ(block, kRequestId);
     const std::string user_token = R"({"result": {"user_token": "U"}})";
     ResponseBytes login(user_token);
-    cloud.callback(&login, cloud.user_data);
+    cloud.callback(reinterpret_cast<cvtessel_response*>(&login), cloud.user_data);
     EXPECT_EQ(cloud.released, &login);
 
     fake_host::Await("slot 0 connect/box_mgmt built");
     EXPECT_EQ(cloud.user_token, "U");
     const std::string device_id = R"({"result": {"device_id": "D"}})";
     ResponseBytes registration(device_id);
-    cloud.callback(&registration, cloud.user_data);
+    cloud.callback(reinterpret_cast<cvtessel_response*>(&registration), cloud.user_data);
     EXPECT_EQ(cloud.released, &registration);
     EXPECT_EQ(cloud.device_id, "D");
 
