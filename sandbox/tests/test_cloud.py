@@ -49,6 +49,7 @@ def test_faults_are_set_at_the_start_and_while_it_runs(appliance):
 def test_each_request_is_logged_in_one_line(ready_desk):
     ctl(ready_desk, "fault", "register_box*1=drop")
     ready_desk.register()
+    ready_desk.cloud.wait_for_line(" connect/", count=3)
     lines = [line for line in ready_desk.cloud.lines if " connect/" in line]
     assert [re.sub(r"^[-0-9]+T[:0-9.]+Z ", "", line) for line in lines] == [
         "connect/login connect: ok",
