@@ -31,6 +31,17 @@ bool is_served(const std::string& path) {
     return served;
 }
 
+void* start_monitoring(zmq::socket_t& socket) {
+    if (zmq_socket_monitor(socket.handle(), monitor_endpoint, ZMQ_EVENT_DISCONNECTED) != 0) {
+        throw zmq::error_t();
+    }
+    return socket.handle();
+}
+
+void stop_monitoring(void* socket) {
+    zmq_socket_monitor(socket, nullptr, 0);
+}
+
 /// Takes a message off the socket, frame by frame, unseen.
 void discard_message(zmq::socket_t& socket) {
     zmq::message_t frame;
@@ -45,14 +56,14 @@ void discard_message(zmq::socket_t& socket) {
 
 Client::Client(const std::string& directory)
     : run_directory(directory), commands(context, zmq::socket_type::dealer),
-      monitor(context, zmq::socket_type::pair), published(context, zmq::socket_type::sub) {
+      monitor(context, zmq::socket_type::pair), monitoring(start_monitoring(commands), stop_monitoring),
+      published(context, zmq::socket_type::sub) {
     check_run_directory(run_directory);
     if (!is_served(socket_file(commands_endpoint(run_directory)))) {
         throw NoDaemon("no cvcloudd serves the run directory " + run_directory +
                        ": start one there or correct --run-dir");
     }
     commands.set(zmq::sockopt::linger, static_cast<int>(hand_over_timeout.count()));
-    zmq_socket_monitor(commands.handle(), monitor_endpoint, ZMQ_EVENT_DISCONNECTED);
     monitor.connect(monitor_endpoint);
     commands.connect(commands_endpoint(run_directory));
     published.set(zmq::sockopt::linger, 0);

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -45,6 +46,8 @@ private:
     zmq::socket_t commands;
     /// Tells that the connection of `commands` is lost.
     zmq::socket_t monitor;
+    /// Ends that before `monitor` closes: libzmq loses the memory of an event that has no taker any more.
+    const std::unique_ptr<void, void (*)(void*)> monitoring;
     bool is_lost = false;
     unsigned replies_owed = 0;
     zmq::socket_t published;
