@@ -225,6 +225,6 @@ def dispatch(library, repeats=9, commands=300):
     return result_of("dispatch", library, repeats, commands)
 
 
-def mechanisms(library, repeats=9, registrations=30, seconds=10):
+def mechanisms(library, repeats=101, registrations=8, seconds=10):
     return result_of("mechanisms", library, repeats, registrations, seconds)
 
