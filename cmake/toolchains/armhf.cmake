@@ -15,6 +15,11 @@ set(CV_TARGET arm-linux-gnueabihf CACHE STRING "Target of the cross compiler")
 set(CMAKE_C_COMPILER ${CV_TARGET}-gcc)
 set(CMAKE_CXX_COMPILER ${CV_TARGET}-g++)
 
+# Runs the tests.
+if(NOT DEFINED CMAKE_CROSSCOMPILING_EMULATOR)
+    set(CMAKE_CROSSCOMPILING_EMULATOR qemu-arm)
+endif()
+
 # A note on what GCC 7 changed, printed for every container, concerns nobody who compiles all of it anew.
 set(CMAKE_CXX_FLAGS_INIT -Wno-psabi)
 
