@@ -116,7 +116,6 @@ void print_status(const json& status);
 
 /// Sends the command and tells what happens until it is answered.
 int converse(const CLI::App& app, const Options& options, const cvex::Command& command, Form form) {
-    const auto deadline = std::chrono::steady_clock::now() + to_duration(options.timeout_seconds);
     cvex::Client client(options.run_directory);
     client.send(command);
     if (options.no_reply) {
@@ -130,6 +129,7 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
     if (steps) {
         steps->sent_command(command.name);
     }
+    const auto deadline = std::chrono::steady_clock::now() + to_duration(options.timeout_seconds);
     for (;;) {
         const auto next_tick = std::chrono::steady_clock::now() + tick_interval;
         const cvex::Event event = client.wait(steps ? std::min(deadline, next_tick) : deadline);
