@@ -4,7 +4,7 @@ import os
 import platform
 import subprocess
 from pathlib import Path
-from statistics import median, quantiles
+from statistics import quantiles
 
 from measurements import ROOT, middle, ratios, total
 

@@ -5,6 +5,7 @@ Times are in seconds after the start, and the lists under "per_second" have one 
 
 import argparse
 import collections
+import itertools
 import math
 import statistics
 
@@ -205,9 +206,7 @@ def plot(report, path):
         draw(rates, unanswered, color="tab:red", label="tries in vain")
     rates.set_ylabel("per second")
     for name, colour in (("registered", "tab:green"), ("failed", "tab:red")):
-        total = 0
-        totals = [total := total + count for count in series[name]]
-        draw(boxes, totals, color=colour, label=name)
+        draw(boxes, list(itertools.accumulate(series[name])), color=colour, label=name)
     boxes.set_ylabel("boxes")
     boxes.set_xlabel("seconds after the start")
     for axes in (rates, boxes):
