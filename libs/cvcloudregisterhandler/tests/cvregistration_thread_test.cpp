@@ -4,8 +4,10 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <future>
+#include <set>
 #include <thread>
 #include <utility>
 
@@ -143,6 +145,13 @@ TEST_F(PipesTest, ThatCannotBeOpenedLeaveNoWorker) {
 
 // ---- The worker's loop, run by the test itself
 
+/// Leaves ones where the next function has its variables.
+[[gnu::noinline]] void soil_the_stack() {
+    std::array<unsigned char, 65536> bytes;
+    bytes.fill(0xff);
+    asm volatile("" : : "r"(bytes.data()) : "memory");
+}
+
 class WorkerLoopTest : public HandlerTest {
 protected:
     WorkerLoopTest() {
@@ -169,6 +178,7 @@ protected:
     /// Returns when the loop ends.
     void run_loop() {
         journal().clear();
+        soil_the_stack();
         EXPECT_EQ(RegistrationThread::thread_function(&handler.thread), nullptr);
     }
 
@@ -212,6 +222,8 @@ TEST_F(WorkerLoopTest, WatchesTheReadEndsAndNothingElse) {
         const interception::SelectCall call = interception::last_select();
         EXPECT_EQ(call.descriptor_count,
                   std::max(handler.thread.stop_pipe[0], handler.thread.run_pipe[0]) + 1);
+        EXPECT_EQ(call.read_descriptors,
+                  (std::set<int>{handler.thread.stop_pipe[0], handler.thread.run_pipe[0]}));
         EXPECT_FALSE(call.watches_writing);
         EXPECT_FALSE(call.watches_exceptions);
         EXPECT_FALSE(call.has_timeout);

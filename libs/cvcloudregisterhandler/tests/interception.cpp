@@ -338,9 +338,16 @@ int __wrap_poll(pollfd* descriptors, nfds_t count, int timeout) {
 }
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
+    std::set<int> read_descriptors;
+    for (int descriptor = 0; descriptor < FD_SETSIZE; ++descriptor) {
+        if (FD_ISSET(descriptor, readable)) {
+            read_descriptors.insert(descriptor);
+        }
+    }
     {
         const std::lock_guard<std::mutex> lock(mutex);
-        scripts().last_select = {count, writable != nullptr, exceptional != nullptr, timeout != nullptr};
+        scripts().last_select = {count, read_descriptors, writable != nullptr, exceptional != nullptr,
+                                 timeout != nullptr};
     }
     journal().record("select");
     int error = 0;

@@ -2,6 +2,7 @@
 #define INTERCEPTION_H
 
 #include <functional>
+#include <set>
 
 /// The system underneath the module. The linker routes these calls of the test program through here:
 /// sleep, pipe2, poll, select, read, write, close, free, strdup, json_object, json_loadb, json_dumps and
@@ -46,6 +47,7 @@ void before_write(std::function<void()> hook);
 /// The arguments of the last select().
 struct SelectCall {
     int descriptor_count = 0;
+    std::set<int> read_descriptors;
     bool watches_writing = false;
     bool watches_exceptions = false;
     bool has_timeout = false;
