@@ -12,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
 
 #include "lean_host.h"
 
@@ -89,6 +90,7 @@ int main(int argc, char** argv) {
     // The host itself and the libraries that it has anyway are in use before.
     json_decref(json_loads(exchange.payload.c_str(), 0, nullptr));
     std::free(json_dumps(json_object_get(figures(), "threads"), JSON_ENCODE_ANY));
+    const std::size_t threads_before = thread_ids().size();
     json_object_set_new(result, "before", figures());
 
     void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
@@ -104,6 +106,11 @@ int main(int argc, char** argv) {
     json_object_set_new(result, "registered", figures());
     handler.uninit();
     dlclose(library);
+    // The worker, although joined, may stay in the list of threads for a moment longer.
+    const std::int64_t deadline = nanoseconds() + 10'000'000'000;
+    while (thread_ids().size() > threads_before && nanoseconds() < deadline) {
+        std::this_thread::yield();
+    }
     json_object_set_new(result, "unloaded", figures());
 
     json_t* const times = json_array();

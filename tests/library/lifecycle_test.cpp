@@ -296,9 +296,9 @@ TEST(ReloadTest, LibraryLeavesNothingBehindHoweverOftenItIsLoaded) {
         }
         ASSERT_FALSE(HandlerLibrary::in_memory());
     };
+    const std::set<std::string> threads_before = threads(); // While none can be on its way out.
     load_register_and_unload(); // What the C library keeps for the next thread is there from now on.
     const std::set<std::string> descriptors_before = open_descriptors();
-    const std::set<std::string> threads_before = threads();
     const Mappings mappings_before = mappings();
     constexpr unsigned int kRounds = 1000;
     for (unsigned int round = 0; round < kRounds && !HasFatalFailure(); ++round) {

@@ -6,6 +6,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <malloc.h>
+#include <sched.h>
 #include <sys/select.h>
 #include <unistd.h>
 
@@ -381,7 +382,13 @@ int main(int argc, char** argv) {
             accepted += daemon.accepted;
             succeeded += daemon.succeeded;
             refused += daemon.refused;
-            const std::size_t threads_now = entries_of("/proc/self/task");
+            std::size_t threads_now = entries_of("/proc/self/task");
+            // A worker of the daemon before, although joined, may stay there for a moment longer.
+            const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+            while (threads != 0 && threads_now > threads && std::chrono::steady_clock::now() < deadline) {
+                sched_yield();
+                threads_now = entries_of("/proc/self/task");
+            }
             const std::size_t descriptors_now = entries_of("/proc/self/fd");
             if (threads == 0) {
                 threads = threads_now;
