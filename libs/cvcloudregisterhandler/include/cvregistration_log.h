@@ -6,6 +6,26 @@
 
 #include "cvutils/log.h"
 
+// The source file's base name, known to the compiler. GCC has the macro from version 12 on.
+#ifdef __FILE_NAME__
+#define CV_FILE_NAME __FILE_NAME__
+#else
+namespace cv::registration {
+
+constexpr const char* base_name(const char* path) {
+    const char* name = path;
+    for (; *path != '\0'; ++path) {
+        if (*path == '/') {
+            name = path + 1;
+        }
+    }
+    return name;
+}
+
+} // namespace cv::registration
+#define CV_FILE_NAME (cv::registration::base_name(__FILE__))
+#endif
+
 /// Logs one line: CV_LOG(level, format, arguments...), printf-style, on any thread.
 ///
 /// Level 0 is for a failure, 1 for a refusal or exhausted retries, 2 for progress, documents and requests
@@ -16,9 +36,10 @@
 #define CV_LOG(line_level, ...)                                                                              \
     do {                                                                                                     \
         if (__atomic_load_n(&cv::log::current_level, __ATOMIC_RELAXED) >= (line_level)) {                    \
+            constexpr const char* log_file = CV_FILE_NAME;                                                   \
             char log_buffer[512];                                                                            \
             cv::MemoryStream log_line(log_buffer, sizeof log_buffer);                                        \
-            log_line.print("[%s:%d][%s()]: ", __FILE_NAME__, __LINE__, __func__);                            \
+            log_line.print("[%s:%d][%s()]: ", log_file, __LINE__, __func__);                                 \
             log_line.print(__VA_ARGS__);                                                                     \
             cv::log::print(0, (line_level), log_line.text());                                                \
         }                                                                                                    \
