@@ -186,7 +186,7 @@ private:
     int store_result(StepProgress& progress, const std::string& value, bool success,
                      const std::string& error);
     bool send_params(const char* service, const char* method, JsonDocument params, bool complete,
-                     cvtessel_callback callback, bool add_connect_fields);
+                     ResponseCallback callback, bool add_connect_fields);
 };
 
 } // namespace cv::registration

@@ -90,6 +90,9 @@ void init_global_settings();
 /// Returns the daemon's own result; nobody acts on it, since there is nobody else to tell.
 int send_cvex_response(unsigned long long request_id, const std::string& text);
 
+/// Receives the response to one request. `user_data` is the request's 8-byte heap block.
+using ResponseCallback = void (*)(cvtessel_response* response, void* user_data);
+
 /// Builds a cloud request and hands it to the cloud access object, on the worker thread.
 ///
 /// `params` is `params_len` bytes of JSON text, or empty. `request_id` travels with the request as a heap
@@ -97,7 +100,7 @@ int send_cvex_response(unsigned long long request_id, const std::string& text);
 /// its way: `callback` will be called once, perhaps before this function returns. False when it is not: no
 /// callback will come, and `error` holds the error reply. `error` is untouched on success.
 bool send_request_to_cloud(const char* service, const char* method, const char* params,
-                           unsigned int params_len, unsigned long long request_id, cvtessel_callback callback,
+                           unsigned int params_len, unsigned long long request_id, ResponseCallback callback,
                            std::string& error, bool add_connect_fields);
 
 /// Writes one wake-up byte to a pipe, on any thread; never blocks. Returns 1 when it was written and -1 when

@@ -246,7 +246,7 @@ bool RegistrationHandler::send_register_box_request() {
 }
 
 bool RegistrationHandler::send_params(const char* service, const char* method, JsonDocument params,
-                                      bool complete, cvtessel_callback callback, bool add_connect_fields) {
+                                      bool complete, ResponseCallback callback, bool add_connect_fields) {
     const HeapText text(complete ? json_dumps(params.get(), 0) : nullptr);
     if (!text) {
         error_response = jansson_error();

@@ -75,7 +75,7 @@ int send_cvex_response(unsigned long long request_id, const std::string& text) {
 }
 
 bool send_request_to_cloud(const char* service, const char* method, const char* params,
-                           unsigned int params_len, unsigned long long request_id, cvtessel_callback callback,
+                           unsigned int params_len, unsigned long long request_id, ResponseCallback callback,
                            std::string& error, bool add_connect_fields) {
     HeapText request(g_cvcloud_api->build_request(method, params, params_len, add_connect_fields));
     if (!request) {
