@@ -14,24 +14,6 @@
 
 namespace cv::registration {
 
-namespace {
-
-// Opens a pipe whose read end select() can watch. False with errno set when that is not to be had; the pipe
-// may be open then.
-bool open_pipe(int (&pipe)[2]) {
-    if (pipe2(pipe, O_NONBLOCK) != 0) {
-        return false;
-    }
-    if (pipe[0] >= FD_SETSIZE) {
-        // In a process with that many descriptors FD_SET would write behind the set.
-        errno = EMFILE;
-        return false;
-    }
-    return true;
-}
-
-} // namespace
-
 bool RegistrationThread::init(RegistrationHandler* registration_handler) {
     if (!init_pipes()) {
         return false;
@@ -43,13 +25,20 @@ bool RegistrationThread::init(RegistrationHandler* registration_handler) {
 }
 
 bool RegistrationThread::init_pipes() {
-    if (open_pipe(stop_pipe) && open_pipe(run_pipe)) {
+    const bool opened = pipe2(stop_pipe, O_NONBLOCK) == 0 && pipe2(run_pipe, O_NONBLOCK) == 0;
+    // FD_SET would write behind the set with a descriptor beyond it. The write ends are in no set.
+    if (opened && stop_pipe[0] < FD_SETSIZE && run_pipe[0] < FD_SETSIZE) {
         return true;
     }
-    const int error = errno;
+    const int error = opened ? EMFILE : errno;
     CV_LOG(0, "Failed to create pipe: %s", strerror(error));
     close_pipe(stop_pipe);
     close_pipe(run_pipe);
+    if (opened) {
+        // uninit() closes both pipes again, and these numbers may be another thread's by then.
+        std::fill_n(stop_pipe, 2, -1);
+        std::fill_n(run_pipe, 2, -1);
+    }
     return false;
 }
 

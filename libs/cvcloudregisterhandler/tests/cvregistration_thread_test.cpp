@@ -78,32 +78,29 @@ TEST_F(PipesTest, AreBothClosedWhenTheSecondCannotBeOpened) {
     EXPECT_EQ(thread.stop_pipe[1], 102);
 }
 
-TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosed) {
-    RegistrationThread thread;
-    interception::return_from_next_pipe2(FD_SETSIZE, FD_SETSIZE + 1);
-    EXPECT_FALSE(thread.init_pipes());
-    EXPECT_EQ(events(), (Events{
-                            "pipe2 nonblocking",
-                            "log 0 init_pipes: Failed to create pipe: Too many open files",
-                            close_of(FD_SETSIZE),
-                            close_of(FD_SETSIZE + 1),
-                            "close 0",
-                        }));
-
-    RegistrationThread second;
-    journal().clear();
-    interception::return_from_next_pipe2(101, 102);
-    interception::return_from_next_pipe2(FD_SETSIZE + 6, FD_SETSIZE + 7);
-    EXPECT_FALSE(second.init_pipes());
-    EXPECT_EQ(events(), (Events{
-                            "pipe2 nonblocking",
-                            "pipe2 nonblocking",
-                            "log 0 init_pipes: Failed to create pipe: Too many open files",
-                            "close 101",
-                            "close 102",
-                            close_of(FD_SETSIZE + 6),
-                            close_of(FD_SETSIZE + 7),
-                        }));
+TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosedOnce) {
+    const std::array<int, 4> cases[] = {
+        {FD_SETSIZE, FD_SETSIZE + 1, FD_SETSIZE + 2, FD_SETSIZE + 3},
+        {101, 102, FD_SETSIZE, FD_SETSIZE + 1},
+        {FD_SETSIZE, FD_SETSIZE + 1, 101, 102}, // Another thread has closed some between the two.
+    };
+    for (const auto& [stop_read, stop_write, run_read, run_write] : cases) {
+        journal().clear();
+        RegistrationThread thread;
+        interception::return_from_next_pipe2(stop_read, stop_write);
+        interception::return_from_next_pipe2(run_read, run_write);
+        EXPECT_FALSE(thread.init_pipes());
+        thread.uninit();
+        EXPECT_EQ(events(), (Events{
+                                "pipe2 nonblocking",
+                                "pipe2 nonblocking",
+                                "log 0 init_pipes: Failed to create pipe: Too many open files",
+                                close_of(stop_read),
+                                close_of(stop_write),
+                                close_of(run_read),
+                                close_of(run_write),
+                            }));
+    }
 }
 
 TEST_F(PipesTest, OfTheLastDescriptorThatSelectCanWatchAreAccepted) {
