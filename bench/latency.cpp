@@ -1,6 +1,6 @@
 // latency LIBRARY REPEATS REGISTRATIONS [LOG-LEVEL]
-// From a command or an answer to what the worker sends because of it, for the module and for its floor in
-// turn, on one processor.
+// From a command or an answer to what the worker sends because of it, for the module and for its two floors
+// in turn, on one processor.
 
 #include <sched.h>
 
@@ -56,9 +56,11 @@ int main(int argc, char** argv) {
     const long registrations = positive_number(argv[3]);
     stay_on_one_processor();
     const std::unique_ptr<StandIn> floor = make_floor();
-    std::array<Contender, 2> contenders = {
+    const std::unique_ptr<StandIn> building_floor = make_building_floor();
+    std::array contenders = {
         Contender{"module", &load_handler(argv[1]), std::make_unique<LeanHost>(), {}},
         Contender{"floor", floor.get(), std::make_unique<LeanHost>(), {}},
+        Contender{"building floor", building_floor.get(), std::make_unique<LeanHost>(), {}},
     };
     if (argc == 5) {
         cv::log::current_level = static_cast<int>(positive_number(argv[4]));

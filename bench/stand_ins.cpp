@@ -17,6 +17,7 @@
 #include <future>
 #include <mutex>
 
+#include "cvutils/json.h"
 #include "lean_host.h"
 
 int StandIn::init(CvCloudAPI* api, std::vector<std::string>& /*commands*/) {
@@ -68,34 +69,40 @@ void StandIn::work() {
 }
 
 void StandIn::take(Step next_step, const json_t* document) {
-    const json_t* const result = json_object_get(document, "result");
+    const auto result = [document](const char* name) {
+        return cv::json_extract_string_value(cv::json_object_get_recursive(document, {"result", name}));
+    };
     switch (next_step) {
     case CONNECT:
-        token = json_string_value(json_object_get(document, "token"));
+        token = cv::json_extract_string_value(document, "token");
+        mac = cv::json_extract_string_value(document, "register_mac_address");
         break;
     case REGISTER_BOX:
-        user_token = json_string_value(json_object_get(result, "user_token"));
+        user_token = result("user_token");
         break;
     case FINISH:
-        device_id = json_string_value(json_object_get(result, "device_id"));
+        device_id = result("device_id");
         break;
     }
 }
 
 char* StandIn::text_of(Step current_step) {
-    json_t* document = nullptr;
+    json_t* const document = json_object();
     switch (current_step) {
     case CONNECT:
-        document = json_pack("{s:s, s:s}", "partner_user_token", token.c_str(), "partner_id",
-                             cloud->partner_id.c_str());
+        cv::json_attach_value(document, "partner_user_token", token.c_str());
+        cv::json_attach_value(document, "partner_id", cloud->partner_id.c_str());
         break;
     case REGISTER_BOX:
-        document = json_pack("{s:[s], s:s, s:s, s:s}", "macs", "0A:1B:2C:3D:4E:5F", "box_detected_name",
-                             "Corvane Orlo", "setup_type", "STANDALONE", "device_model", "orlov2");
+        cv::json_attach_value(document, "macs", std::vector<std::string>{mac});
+        cv::json_attach_value(document, "box_detected_name", "Corvane Orlo");
+        cv::json_attach_value(document, "setup_type", "STANDALONE");
+        cv::json_attach_value(document, "device_model", "orlov2");
         break;
     case FINISH:
-        document = json_pack("{s:s, s:s, s:s}", "result", "ok", "user_token", user_token.c_str(), "device_id",
-                             device_id.c_str());
+        cv::json_attach_value(document, "result", "ok");
+        cv::json_attach_value(document, "user_token", user_token.c_str());
+        cv::json_attach_value(document, "device_id", device_id.c_str());
         break;
     }
     char* const text = json_dumps(document, 0);
@@ -190,23 +197,20 @@ private:
     int wake_up = eventfd(0, EFD_SEMAPHORE);
 };
 
-class Floor : public StandIn {
+class BuildingFloor : public StandIn {
 public:
-    Floor() {
+    BuildingFloor() {
         if (pipe2(run_pipe, O_NONBLOCK) != 0 || pipe2(stop_pipe, O_NONBLOCK) != 0) {
             die("there is no pipe for the floor");
         }
     }
-    ~Floor() override {
+    ~BuildingFloor() override {
         for (const int end : {run_pipe[0], run_pipe[1], stop_pipe[0], stop_pipe[1]}) {
             close(end);
         }
-        for (json_t* const document : documents) {
-            json_decref(document);
-        }
     }
-    Floor(const Floor&) = delete;
-    Floor& operator=(const Floor&) = delete;
+    BuildingFloor(const BuildingFloor&) = delete;
+    BuildingFloor& operator=(const BuildingFloor&) = delete;
 
 private:
     void wake() override {
@@ -228,14 +232,25 @@ private:
         }
     }
 
+    int run_pipe[2] = {};
+    int stop_pipe[2] = {};
+};
+
+class Floor : public BuildingFloor {
+public:
+    ~Floor() override {
+        for (json_t* const document : documents) {
+            json_decref(document);
+        }
+    }
+
+private:
     void take(Step /*step*/, const json_t* /*document*/) override {}
 
     char* text_of(Step current_step) override {
         return json_dumps(documents[current_step], 0);
     }
 
-    int run_pipe[2] = {};
-    int stop_pipe[2] = {};
     std::array<json_t*, 3> documents = {
         json_pack("{s:s, s:s}", "partner_user_token", std::string(32, 't').c_str(), "partner_id",
                   "the partner's identifier"),
@@ -262,6 +277,10 @@ std::unique_ptr<StandIn> make_promise_with_timeout() {
 
 std::unique_ptr<StandIn> make_event_loop() {
     return std::make_unique<EventLoop>();
+}
+
+std::unique_ptr<StandIn> make_building_floor() {
+    return std::make_unique<BuildingFloor>();
 }
 
 std::unique_ptr<StandIn> make_floor() {

@@ -26,12 +26,13 @@ protected:
     virtual void wake() = 0;
     /// Waits for the next wake(), on the worker.
     virtual void wait() = 0;
-    /// Takes what a step wants out of a document that has arrived.
+    /// Takes what a step wants out of a document that has arrived, with libcvutils as a handler has to.
     virtual void take(Step next_step, const json_t* document);
-    /// The text of what a step sends, released with free().
+    /// The text of what a step sends, released with free(); built with libcvutils as a handler has to.
     virtual char* text_of(Step current_step);
 
     std::string token;
+    std::string mac;
     std::string user_token;
     std::string device_id;
 
@@ -57,8 +58,12 @@ std::unique_ptr<StandIn> make_promise_with_timeout();
 /// An epoll loop with an eventfd.
 std::unique_ptr<StandIn> make_event_loop();
 
-/// The floor of a worker that is woken through a pipe: poll, write, select, read, and of the documents no
-/// more than their parsing and writing. The texts are made of documents that stay.
+/// A pipe in the module's form: poll, write, select, read. What the module takes longer is what it adds to
+/// the exchange.
+std::unique_ptr<StandIn> make_building_floor();
+
+/// The same, and of the documents no more than their parsing and writing: the texts are made of documents
+/// that stay.
 std::unique_ptr<StandIn> make_floor();
 
 #endif
