@@ -10,6 +10,7 @@
 namespace sandbox {
 
 std::optional<int> read_command_line(CLI::App& app, int argc, char** argv) {
+    app.set_version_flag("--version", app.get_name() + " " CV_VERSION, "Show the version");
     try {
         app.parse(argc, argv);
         return std::nullopt;

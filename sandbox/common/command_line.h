@@ -14,7 +14,7 @@ namespace sandbox {
 inline constexpr int exit_usage = 2;
 
 /// Reads the command line into the variables bound to `app`. Nothing is returned when the program shall go
-/// on; otherwise help or one line about the mistake is printed and the exit code is returned.
+/// on; otherwise help, the version or one line about the mistake is printed and the exit code is returned.
 std::optional<int> read_command_line(CLI::App& app, int argc, char** argv);
 
 /// Prints `problem`, also when others have written it, as the program's one line about its failure. To be

@@ -2,6 +2,7 @@
 build; installed, it is the command cvdesk."""
 
 import argparse
+import json
 import signal
 import sys
 from pathlib import Path
@@ -51,6 +52,7 @@ def make_parser(name):
                         help="Keep a record of the run as record.jsonl in this directory, for cvex timeline to draw; "
                              "it holds the tokens")
     parser.add_argument("-v", "--verbose", action="store_true", help="Show the logs of the cloud and the daemon")
+    parser.add_argument("--version", action="store_true", help="Show the version")
     return parser
 
 
@@ -66,6 +68,9 @@ def main():
     programs_file = (desk.programs_file_of(arguments.build_dir) if arguments.build_dir else INSTALLED_PROGRAMS_FILE)
     on_line = (lambda line: print(desk.printable(line), file=sys.stderr, flush=True)) if arguments.verbose else None
     try:
+        if arguments.version:
+            print(name, json.loads(programs_file.read_text(encoding="utf-8"))["version"])
+            return 0
         if arguments.list:
             # A reader that has seen enough, such as head, ends the list.
             signal.signal(signal.SIGPIPE, signal.SIG_DFL)

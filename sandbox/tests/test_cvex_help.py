@@ -124,6 +124,18 @@ def test_every_subcommand_and_option_is_offered(appliance):
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
+def test_version(appliance, program):
+    command = command_of(appliance, program)
+    name = program
+    if program == "cvdesk":
+        name = "./run"
+        command += ["--build-dir", BUILD_DIRECTORY]
+        assert run(COMPLETION.parents[2] / "run", "--version").stdout == f"./run {appliance.programs['version']}\n"
+    result = run(*command, "--version")
+    assert (result.returncode, result.stdout, result.stderr) == (0, f"{name} {appliance.programs['version']}\n", "")
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
 def test_completion_is_there_for_each_program(program):
     result = run("bash", "--norc", "-c", f"source {COMPLETION}; complete -p {program}")
     assert "-F _cvex" in result.stdout
