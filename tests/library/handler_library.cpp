@@ -1,7 +1,6 @@
 #include "handler_library.h"
 
 #include <dirent.h>
-#include <dlfcn.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -26,7 +25,10 @@ void* required(void* found) {
 
 } // namespace
 
-HandlerLibrary::HandlerLibrary() : library(required(dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_LOCAL))) {
+const char* const HandlerLibrary::built = CV_HANDLER_LIBRARY;
+
+HandlerLibrary::HandlerLibrary(const std::string& path, int scope)
+    : library(required(dlopen(path.c_str(), RTLD_NOW | scope))) {
     handler_object = reinterpret_cast<CvHandlerAPI* (*)()>(symbol("get_handler_api"))();
 }
 
@@ -39,7 +41,7 @@ void* HandlerLibrary::symbol(const char* name) const {
 }
 
 bool HandlerLibrary::in_memory() {
-    void* const loaded = dlopen(CV_HANDLER_LIBRARY, RTLD_NOW | RTLD_NOLOAD);
+    void* const loaded = dlopen(built, RTLD_NOW | RTLD_NOLOAD);
     if (loaded != nullptr) {
         dlclose(loaded);
     }

@@ -1,6 +1,8 @@
 #ifndef HANDLER_LIBRARY_H
 #define HANDLER_LIBRARY_H
 
+#include <dlfcn.h>
+
 #include <cstddef>
 #include <map>
 #include <memory>
@@ -13,11 +15,15 @@
 #include "cvcloud/cvhandler_api.h"
 #include "fake_cloud_api.h"
 
-/// The built library, loaded for as long as this object lives.
+/// A handler library, loaded for as long as this object lives.
 class HandlerLibrary {
 public:
-    /// Ends the program when the library cannot be loaded.
-    HandlerLibrary();
+    /// Where the built library is.
+    static const char* const built;
+
+    /// Ends the program when there is no library at `path`. `scope` is RTLD_LOCAL, or RTLD_GLOBAL to put its
+    /// names before those of libraries that are loaded later.
+    explicit HandlerLibrary(const std::string& path = built, int scope = RTLD_LOCAL);
     ~HandlerLibrary();
     HandlerLibrary(const HandlerLibrary&) = delete;
     HandlerLibrary& operator=(const HandlerLibrary&) = delete;
@@ -35,7 +41,7 @@ public:
         return *handler_object;
     }
 
-    /// True while the library is in the process's memory.
+    /// True while the built library is in the process's memory.
     static bool in_memory();
 
 private:

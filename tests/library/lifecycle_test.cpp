@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
@@ -287,6 +288,34 @@ TEST_F(LifecycleTest, LastDescriptorsWithinTheReachOfSelectServe) {
     Start();
     RegisterBox(7);
     library->handler().uninit();
+}
+
+// ---- Another handler library with the same names
+
+TEST(SecondHandlerTest, LibraryKeepsToItsOwnObjectsBehindAnotherInTheGlobalScope) {
+    const std::string path = testing::TempDir() + "other_handler.so";
+    std::filesystem::copy_file(HandlerLibrary::built, path,
+                               std::filesystem::copy_options::overwrite_existing);
+    const HandlerLibrary other(path, RTLD_GLOBAL);
+    std::filesystem::remove(path);
+    const HandlerLibrary library(HandlerLibrary::built, RTLD_GLOBAL);
+    EXPECT_EQ(library.symbol("g_handler_api"), static_cast<void*>(&library.handler()));
+    ASSERT_NE(&library.handler(), &other.handler());
+
+    fake_host::reset_cvutils();
+    fake_host::journal().clear();
+    fake_host::FakeCloudApi cloud;
+    std::vector<std::string> commands;
+    ASSERT_NE(library.handler().init(&cloud, commands), 0);
+    EXPECT_EQ(library.object<void*>("g_cvcloud_api"), static_cast<CvCloudAPI*>(&cloud));
+    EXPECT_NE(library.object<void*>("g_registration_handler"), nullptr);
+    EXPECT_EQ(other.object<void*>("g_cvcloud_api"), nullptr);
+    EXPECT_EQ(other.object<void*>("g_registration_handler"), nullptr);
+    cloud.answer_inside_next_send({kUserToken});
+    cloud.answer_inside_next_send({kDeviceId});
+    send_command(library.handler(), "start_cloud_registration", kStart, kWithReply, 7);
+    AwaitEndOfRun("reply 7 " + kDone);
+    library.handler().uninit();
 }
 
 // ---- What is left in the process
