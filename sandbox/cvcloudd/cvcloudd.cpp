@@ -17,17 +17,18 @@
 #include <unistd.h>
 
 #include "common/command_line.h"
-#include "cvcloudd/cloud_access.h"
+#include "common/handler_library.h"
+#include "cvcloudd/daemon_cloud.h"
 #include "cvcloudd/exchange.h"
-#include "cvcloudd/handler_library.h"
 #include "cvcloudd/log_line.h"
 #include "cvcloudd/recorder.h"
-#include "cvcloudd/refusals.h"
 #include "cvutils_control.h"
 
 namespace cvcloudd {
 
 namespace {
+
+using sandbox::HandlerLibrary;
 
 struct Options {
     std::string run_directory;
@@ -38,7 +39,8 @@ struct Options {
     int log_level = 2;
     bool deliver_unknown = false;
     bool mask_tokens = false;
-    CloudAccessOptions cloud;
+    sandbox::CloudAccessOptions cloud;
+    std::vector<std::string> refusals;
 };
 
 const auto daemon_start = std::chrono::steady_clock::now();
@@ -74,7 +76,7 @@ private:
 /// The loaded handlers and who of them takes which command. For the dispatch thread.
 class Handlers {
 public:
-    Handlers(CloudAccess& cloud_access, bool delivers_unknown)
+    Handlers(DaemonCloud& cloud_access, bool delivers_unknown)
         : cloud(cloud_access), deliver_unknown(delivers_unknown) {}
     /// A handler is destroyed only when no command can reach it any more, and no callback but one that its
     /// own send_request() calls.
@@ -132,7 +134,7 @@ public:
     }
 
 private:
-    CloudAccess& cloud;
+    DaemonCloud& cloud;
     const bool deliver_unknown;
     std::vector<std::unique_ptr<HandlerLibrary>> libraries;
     std::map<std::string, HandlerLibrary*> subscribers;
@@ -228,7 +230,7 @@ void serve(const Options& options) {
 
     Recorder recorder(options.record_file);
     Exchange exchange(options.run_directory);
-    CloudAccess cloud(options.cloud, exchange, recorder);
+    DaemonCloud cloud(options.cloud, options.refusals, exchange, recorder);
     Handlers handlers(cloud, options.deliver_unknown);
     for (const std::string& path : options.handlers) {
         handlers.load(path);
@@ -287,7 +289,7 @@ int main(int argc, char** argv) {
            "timeline draws it [default: none]")
         ->type_name("FILE");
     app.add_option(
-           "--refuse", options.cloud.refusals,
+           "--refuse", options.refusals,
            "Refuse the handlers' next COUNT calls of an operation, all without a count: build or request "
            "(a cloud request), or publish (a message); may be repeated")
         ->type_name("OPERATION[*COUNT]")

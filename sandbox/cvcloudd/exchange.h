@@ -9,8 +9,8 @@
 
 #include <zmq.hpp>
 
+#include "common/mailbox.h"
 #include "cvcloudd/activity.h"
-#include "cvcloudd/mailbox.h"
 #include "cvex/wire.h"
 
 namespace cvcloudd {
@@ -39,7 +39,7 @@ public:
     Exchange& operator=(const Exchange&) = delete;
 
     /// The commands for the dispatch thread, in the order of their arrival.
-    Mailbox<ReceivedCommand>& commands() {
+    sandbox::Mailbox<ReceivedCommand>& commands() {
         return received;
     }
 
@@ -93,8 +93,8 @@ private:
     zmq::context_t context;
     zmq::socket_t router;
     zmq::socket_t publisher;
-    Mailbox<ReceivedCommand> received;
-    Mailbox<std::variant<OutgoingReply, OutgoingMessage>> outgoing;
+    sandbox::Mailbox<ReceivedCommand> received;
+    sandbox::Mailbox<std::variant<OutgoingReply, OutgoingMessage>> outgoing;
     std::uint64_t last_request_id = 0;
     std::uint64_t last_published = 0;
     std::map<std::uint64_t, std::string> requesters;

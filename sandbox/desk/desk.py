@@ -14,7 +14,7 @@ from pathlib import Path
 
 PARTNER_ID = "desk-partner"
 TOKENS = {"partner": "desk-partner-token", "temporary": "desk-temporary-token"}
-DEFAULT_SETTINGS = Path(__file__).with_name("settings.json")
+DEFAULT_SETTINGS = Path(__file__).resolve().with_name("settings.json")
 
 # Bounds for what takes milliseconds on a quiet machine; reaching one is an error, never a way to wait.
 START_TIMEOUT = 30

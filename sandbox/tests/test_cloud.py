@@ -3,6 +3,7 @@
 import http.client
 import json
 import re
+import socket
 import subprocess
 
 import pytest
@@ -138,6 +139,29 @@ def test_boxes_cannot_be_kept(appliance):
     result = run([appliance.programs["cvcloud-sim"], "--boxes", no_database])
     assert result.returncode == 1
     assert "file is not a database" in result.stderr
+
+
+@pytest.fixture
+def proxy(monkeypatch):
+    """A listening socket that the environment names as the proxy."""
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        listener.settimeout(desk_module.START_TIMEOUT)
+        monkeypatch.setenv("http_proxy", f"http://127.0.0.1:{listener.getsockname()[1]}")
+        yield listener
+
+
+def test_a_cloud_elsewhere_is_reached_through_the_proxy(appliance, proxy):
+    appliance.cloud_url = "http://cloud.invalid"
+    appliance.start_daemon(settings={"/daemons/cvcloudd/registration/retry_num": 0})
+    client = appliance.start(appliance.cvex_command("start", "--token", "any"))
+    with proxy.accept()[0] as connection:
+        assert connection.recv(4096).startswith(b"POST http://cloud.invalid/connect/login ")
+        connection.sendall(b"HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n")
+        assert client.wait() == 1
+
+
+def test_a_cloud_on_the_loopback_is_reached_without_the_proxy(proxy, ready_desk):
+    ready_desk.register()
 
 
 def make_certificate(directory, name, address="127.0.0.1"):

@@ -7,6 +7,7 @@ import re
 import select
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import termios
@@ -16,15 +17,14 @@ from pathlib import Path
 
 import pytest
 
-ROOT = Path(__file__).parents[3]
-sys.path[:0] = [str(ROOT / "bench/fleet"), str(ROOT / "sandbox/desk")]
+import desk
+import fleet_report
+from fleet_simulation import GOLDEN_RATIO, Scenario, simulate
 
-import desk  # noqa: E402 (the paths above come first)
-import fleet_report  # noqa: E402
-from fleet_simulation import GOLDEN_RATIO, Scenario, simulate  # noqa: E402
-
+FLEET = Path(__file__).parents[1]
 BUILD_DIRECTORY = Path(os.environ["CV_BUILD_DIR"])
-CVFLEET = [sys.executable, "-B", ROOT / "bench/fleet/cvfleet", "--build-dir", BUILD_DIRECTORY]
+CVFLEET = [sys.executable, "-B", FLEET / "cvfleet", "--build-dir", BUILD_DIRECTORY]
+HANDLER = json.loads((BUILD_DIRECTORY / "sandbox/programs.json").read_text(encoding="utf-8"))["handler"]
 BOXES = 20
 TIMEOUT = 60
 
@@ -128,7 +128,7 @@ def test_parts_of_a_fleet_make_one_report(tmp_path):
     assert [json.loads(line)["boxes"] for line in lines] == [2, 2, 3]
 
     def join(text):
-        return subprocess.run([sys.executable, "-B", ROOT / "bench/fleet/join", "--json", tmp_path / "fleet.json"],
+        return subprocess.run([sys.executable, "-B", FLEET / "join", "--json", tmp_path / "fleet.json"],
                               input=text, capture_output=True, encoding="utf-8", check=False, timeout=TIMEOUT)
     result = join("a line of a log\n" + "".join(lines))
     assert (result.returncode, result.stderr) == (0, "")
@@ -237,13 +237,29 @@ def test_boxes_without_a_library_are_told_in_one_line(tmp_path):
     assert str(library) in result.stderr
 
 
+def test_a_cloud_elsewhere_is_reached_through_the_proxy_of_the_environment(mark, tmp_path):
+    settings = tmp_path / "settings.json"
+    settings.write_text('{"/daemons/cvcloudd/registration/retry_num": 0}', encoding="utf-8")
+    with socket.create_server(("127.0.0.1", 0)) as proxy:
+        proxy.settimeout(TIMEOUT)
+        boxes = subprocess.Popen(
+            [BUILD_DIRECTORY / "bin/cvbox", "--cloud-url", "http://cloud.invalid", "--handler", HANDLER,
+             "--settings", settings], stdout=subprocess.PIPE, encoding="utf-8",
+            env={**os.environ, "http_proxy": f"http://127.0.0.1:{proxy.getsockname()[1]}"})
+        with proxy.accept()[0] as connection:
+            assert connection.recv(4096).startswith(b"POST http://cloud.invalid/connect/login ")
+            connection.sendall(b"HTTP/1.1 502 Bad Gateway\r\nContent-Length: 0\r\n\r\n")
+            assert re.search(r"^try 0 connect \S+ \S+ 502\nend 0 \S+ failed\n\Z",
+                             boxes.communicate(timeout=TIMEOUT)[0], re.MULTILINE)
+    assert processes_with(mark) == []
+
+
 def test_a_box_that_is_killed_is_told(mark, tmp_path):
     settings = tmp_path / "settings.json"
     settings.write_text("{}", encoding="utf-8")
     boxes = subprocess.Popen(
         [BUILD_DIRECTORY / "bin/cvbox", "--first", "7", "--count", "2", "--cloud-url", "http://127.0.0.1:1",
-         "--handler", json.loads((BUILD_DIRECTORY / "sandbox/programs.json").read_text(encoding="utf-8"))["handler"],
-         "--settings", settings, "--start-at", str(time.time() + 3600)], stdout=subprocess.PIPE, encoding="utf-8")
+         "--handler", HANDLER, "--settings", settings, "--start-at", str(time.time() + 3600)], stdout=subprocess.PIPE, encoding="utf-8")
     assert re.fullmatch(r"ready 2 \d+\n", boxes.stdout.readline())
     assert boxes.stdout.readline().startswith("start ")
     first, second = Path(f"/proc/{boxes.pid}/task/{boxes.pid}/children").read_text(encoding="ascii").split()

@@ -2,15 +2,11 @@
 
 import dataclasses
 import heapq
-import sys
-from pathlib import Path
 
 import numpy
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parents[1]))
-
-from fleet_simulation import GOLDEN_RATIO, TIMEOUT, Scenario, simulate  # noqa: E402 (the path above comes first)
+from fleet_simulation import GOLDEN_RATIO, TIMEOUT, Scenario, simulate
 
 
 def one_by_one(scenario):

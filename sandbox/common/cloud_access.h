@@ -1,5 +1,5 @@
-#ifndef CVCLOUDD_CLOUD_ACCESS_H
-#define CVCLOUDD_CLOUD_ACCESS_H
+#ifndef COMMON_CLOUD_ACCESS_H
+#define COMMON_CLOUD_ACCESS_H
 
 #include <atomic>
 #include <chrono>
@@ -7,18 +7,15 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
-#include <vector>
 
 #include <curl/curl.h>
 
+#include "common/mailbox.h"
 #include "cvcloud/cvcloud_api.h"
-#include "cvcloudd/exchange.h"
-#include "cvcloudd/mailbox.h"
-#include "cvcloudd/recorder.h"
-#include "cvcloudd/refusals.h"
 
-namespace cvcloudd {
+namespace sandbox {
 
 /// Deletes a resource of a C library with the function that the library has for it.
 template <auto release>
@@ -39,11 +36,27 @@ struct CloudAccessOptions {
     std::chrono::milliseconds request_timeout{10000};
     /// Longest response body in bytes; a longer one ends the request as failed.
     std::size_t response_limit = 1024 * 1024;
-    /// What to refuse handlers on purpose, see Refusals::add().
-    std::vector<std::string> refusals;
 };
 
-/// The cloud access object: JSON-RPC 2.0 over HTTP, the service name as the path.
+/// One request of a handler, and what came of it.
+struct CloudRequest {
+    std::string service;
+    /// Empty and 0 in a request that build_request() did not build.
+    std::string method;
+    std::uint64_t number = 0;
+    std::string url;
+    /// False when the request was given up before it was sent.
+    bool is_sent = false;
+    /// Of the response, as CloudAccess defines it.
+    std::uint32_t status = 0;
+    /// The URL and what went wrong; empty when the status is 0.
+    std::string failure;
+    /// The response body as it came.
+    std::string response;
+};
+
+/// The requests of a cloud access object: JSON-RPC 2.0 over HTTP, the service name as the path. A derived
+/// class publishes and replies.
 ///
 /// A request is {"jsonrpc": "2.0", "id": number, "method": ..., "params": {...}}, sent by POST to
 /// url/service. Its params are those of the handler; the connection fields "user_token" and "device_id" are
@@ -57,12 +70,10 @@ struct CloudAccessOptions {
 /// inside send_request(). Only after shut_down() is a request not sent any more: it fails at once, and its
 /// callback is called from inside send_request(). To refuse it would make a handler that retries go through
 /// all its pauses.
-class CloudAccess final : public CvCloudAPI {
+class CloudAccess : public CvCloudAPI {
 public:
-    /// Throws std::runtime_error when the URL or the file of authorities cannot be used. `exchange` and
-    /// `recorder` outlive the object.
-    CloudAccess(CloudAccessOptions options, Exchange& exchange, Recorder& recorder);
-    ~CloudAccess();
+    /// Throws std::runtime_error when the URL or the file of authorities cannot be used.
+    explicit CloudAccess(CloudAccessOptions options);
     CloudAccess(const CloudAccess&) = delete;
     CloudAccess& operator=(const CloudAccess&) = delete;
 
@@ -76,9 +87,19 @@ public:
     void release_response(cvtessel_response* response) override;
     char* build_request(const char* method, const char* params, unsigned int params_len,
                         bool add_connect_fields) override;
-    int publish_message(const char* name, const void* data, unsigned int length) override;
     int daemon_operation() override;
-    int send_response(const Message* reply) override;
+
+protected:
+    /// A derived class calls shut_down() in its own destructor: its hooks end with it.
+    ~CloudAccess();
+
+    /// build_request() has built a request; called on its thread.
+    virtual void request_built(std::uint64_t /*number*/, const char* /*method*/, std::string_view /*params*/,
+                               bool /*add_connect_fields*/) {}
+    /// The request goes out; called on this object's own thread.
+    virtual void request_sent(const CloudRequest& /*request*/) {}
+    /// The request has ended; its callback is called next, on the same thread.
+    virtual void request_ended(const CloudRequest& /*request*/) {}
 
 private:
     struct Transfer;
@@ -89,12 +110,8 @@ private:
     void collect_ended();
     void abandon_all();
     void end(Transfer& transfer, std::uint32_t status, const std::string& error);
-    void publish_progress(const char* event, const Transfer& transfer);
 
     const CloudAccessOptions options;
-    Exchange& exchange;
-    Recorder& recorder;
-    Refusals refusals;
     std::atomic<std::uint64_t> last_request_number = 0;
     Mailbox<std::unique_ptr<Transfer>> submitted;
     std::unique_ptr<CURLM, Releaser<curl_multi_cleanup>> multi;
@@ -103,6 +120,6 @@ private:
     std::thread thread;
 };
 
-} // namespace cvcloudd
+} // namespace sandbox
 
 #endif

@@ -1,4 +1,4 @@
-#include "cvcloudd/cloud_access.h"
+#include "common/cloud_access.h"
 
 #include <array>
 #include <cstring>
@@ -11,11 +11,7 @@
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 
-#include "cvcloudd/log_line.h"
-#include "cvex/wire.h"
-#include "cvutils_control.h"
-
-namespace cvcloudd {
+namespace sandbox {
 
 namespace {
 
@@ -69,22 +65,14 @@ void check_authorities(const std::string& path) {
 } // namespace
 
 /// One request on its way.
-struct CloudAccess::Transfer {
+struct CloudAccess::Transfer : CloudRequest {
     std::string request;
-    std::string service;
     cvtessel_callback callback;
     void* user_data;
 
-    std::string method;
-    std::uint64_t number = 0;
-    std::string url;
-    std::string response;
     std::size_t response_limit = 0;
     bool too_long = false;
     std::array<char, CURL_ERROR_SIZE> error{};
-    bool is_sent = false;
-    std::uint32_t status = 0;
-    std::string failure;
     std::unique_ptr<CURL, Releaser<curl_easy_cleanup>> handle;
 
     /// A handler may send a text of its own making; it goes out all the same, without a name.
@@ -109,15 +97,11 @@ struct CloudAccess::Transfer {
     }
 };
 
-CloudAccess::CloudAccess(CloudAccessOptions access_options, Exchange& message_exchange,
-                         Recorder& boundary_recorder)
-    : options(std::move(access_options)), exchange(message_exchange), recorder(boundary_recorder),
-      multi(curl_multi_init()), json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
+CloudAccess::CloudAccess(CloudAccessOptions access_options)
+    : options(std::move(access_options)), multi(curl_multi_init()),
+      json_header(curl_slist_append(nullptr, "Content-Type: application/json")) {
     check_url(options.url);
     check_authorities(options.authorities_file);
-    for (const std::string& refusal : options.refusals) {
-        refusals.add(refusal);
-    }
     partner_id = options.partner_id;
     curl_multi_setopt(multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connection_limit);
     thread = std::thread(&CloudAccess::run, this);
@@ -143,18 +127,12 @@ int CloudAccess::send_request(const char* request, const char* service, cvtessel
     transfer->user_data = user_data;
     transfer->url = without_trailing_slash(options.url) + "/" + transfer->service;
     transfer->name_request();
-    recorder.request(service, request);
-    if (refusals.take(Operation::request)) {
-        recorder.request_refused(request);
-        return 1;
-    }
     if (submitted.put(std::move(transfer))) {
         return 0;
     }
     // A handler that sends again whenever it is called back would never come to an end.
     thread_local bool is_giving_up = false;
     if (is_giving_up) {
-        recorder.request_refused(request);
         return 1;
     }
     is_giving_up = true;
@@ -174,12 +152,6 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
         members = ordered_json::parse(params, params + params_len, nullptr, false);
     }
     if (!members.is_object()) {
-        log_line(1, std::string("the parameters of ") + method + " are not a JSON object");
-        recorder.build_refused(method);
-        return nullptr;
-    }
-    if (refusals.take(Operation::build)) {
-        recorder.build_refused(method);
         return nullptr;
     }
     // The members are read on the handler's thread only: it is the one that knows when it has written them.
@@ -188,32 +160,12 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
         members["device_id"] = device_id;
     }
     const std::uint64_t number = ++last_request_number;
-    recorder.build(number, method, std::string_view(params, params_len), add_connect_fields);
+    request_built(number, method, std::string_view(params, params_len), add_connect_fields);
     const ordered_json request{{"jsonrpc", "2.0"}, {"id", number}, {"method", method}, {"params", members}};
     return strdup(request.dump(-1, ' ', false, ordered_json::error_handler_t::replace).c_str());
 }
 
-int CloudAccess::publish_message(const char* name, const void* data, unsigned int length) {
-    const std::string payload(static_cast<const char*>(data), length);
-    recorder.publish(name, payload);
-    if (refusals.take(Operation::publish) || !exchange.publish(name, payload)) {
-        recorder.publish_refused(name);
-        return 1;
-    }
-    return 0;
-}
-
 int CloudAccess::daemon_operation() {
-    return 0;
-}
-
-int CloudAccess::send_response(const Message* reply) {
-    const std::string payload(reply->payload, reply->payload_len);
-    recorder.reply(reply->request_id, payload);
-    if (!exchange.reply(reply->request_id, payload)) {
-        recorder.reply_refused(reply->request_id);
-        return 1;
-    }
     return 0;
 }
 
@@ -238,8 +190,7 @@ void CloudAccess::run() {
 void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
     transfer->response_limit = options.response_limit;
     transfer->is_sent = true;
-    exchange.activity().request_sent(transfer->method);
-    publish_progress("sent", *transfer);
+    request_sent(*transfer);
 
     CURL* const handle = curl_easy_init();
     transfer->handle.reset(handle);
@@ -305,38 +256,16 @@ void CloudAccess::abandon_all() {
 }
 
 void CloudAccess::give_up(Transfer& transfer) {
-    end(transfer, CURLE_ABORTED_BY_CALLBACK, "given up because cvcloudd is stopping");
+    end(transfer, CURLE_ABORTED_BY_CALLBACK, "given up because the daemon is stopping");
 }
 
 void CloudAccess::end(Transfer& transfer, std::uint32_t status, const std::string& error) {
     transfer.status = status;
     if (status != 0) {
         transfer.failure = transfer.url + ": " + error;
-        log_line(1, "request " + std::to_string(transfer.number) + " failed: " + transfer.failure);
     }
-    if (transfer.is_sent) {
-        exchange.activity().request_ended(transfer.failure);
-        publish_progress("ended", transfer);
-    }
-    cv::log::learn_tokens(transfer.response);
-    recorder.response(transfer.number, transfer.service, transfer.method, status, transfer.failure,
-                      transfer.response);
+    request_ended(transfer);
     transfer.callback(new OwnedResponse(status, std::move(transfer.response)), transfer.user_data);
 }
 
-void CloudAccess::publish_progress(const char* event, const Transfer& transfer) {
-    ordered_json progress{{"event", event},
-                          {"request", transfer.number},
-                          {"service", transfer.service},
-                          {"method", transfer.method}};
-    if (std::strcmp(event, "ended") == 0) {
-        progress["status"] = transfer.status;
-        if (transfer.status != 0) {
-            progress["error"] = transfer.failure;
-        }
-    }
-    exchange.publish(cvex::progress_message,
-                     progress.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
-}
-
-} // namespace cvcloudd
+} // namespace sandbox

@@ -1,12 +1,12 @@
-#ifndef CVCLOUDD_HANDLER_LIBRARY_H
-#define CVCLOUDD_HANDLER_LIBRARY_H
+#ifndef COMMON_HANDLER_LIBRARY_H
+#define COMMON_HANDLER_LIBRARY_H
 
 #include <string>
 #include <vector>
 
 #include "cvcloud/cvhandler_api.h"
 
-namespace cvcloudd {
+namespace sandbox {
 
 /// One loaded handler library, used on the dispatch thread only.
 class HandlerLibrary {
@@ -42,6 +42,6 @@ private:
     bool is_mandatory = false;
 };
 
-} // namespace cvcloudd
+} // namespace sandbox
 
 #endif

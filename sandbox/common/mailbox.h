@@ -1,5 +1,5 @@
-#ifndef CVCLOUDD_MAILBOX_H
-#define CVCLOUDD_MAILBOX_H
+#ifndef COMMON_MAILBOX_H
+#define COMMON_MAILBOX_H
 
 #include <cerrno>
 #include <deque>
@@ -11,7 +11,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
-namespace cvcloudd {
+namespace sandbox {
 
 /// A queue into a thread that waits in poll(): any thread puts items in, one thread takes them out.
 /// After close() no item is accepted any more; those accepted before can still be taken.
@@ -78,6 +78,6 @@ private:
     int descriptor;
 };
 
-} // namespace cvcloudd
+} // namespace sandbox
 
 #endif

@@ -1,11 +1,11 @@
-#include "cvcloudd/handler_library.h"
+#include "common/handler_library.h"
 
 #include <filesystem>
 #include <stdexcept>
 
 #include <dlfcn.h>
 
-namespace cvcloudd {
+namespace sandbox {
 
 HandlerLibrary::HandlerLibrary(const std::string& path)
     // A bare file name would be searched for in the system's library directories.
@@ -46,4 +46,4 @@ void HandlerLibrary::handle(const Message& message) {
     handler->handle(&message);
 }
 
-} // namespace cvcloudd
+} // namespace sandbox

@@ -8,11 +8,9 @@ from pathlib import Path
 
 import yaml
 
+import desk
+
 FLEET = Path(__file__).parents[1]
-sys.path.insert(0, str(FLEET.parents[1] / "sandbox/desk"))
-
-import desk  # noqa: E402 (the path above comes first)
-
 BUILD_DIRECTORY = Path(os.environ["CV_BUILD_DIR"])
 TIMEOUT = 60
 

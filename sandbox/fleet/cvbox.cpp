@@ -5,7 +5,7 @@
 //
 //     ready COUNT KIB                     every box has its handler initialised; memory of all of them
 //     start TIME                          the instant that the spread of the starts counts from
-//     try BOX METHOD BEGIN END STATUS     a request and what came of it, see fleet::Try
+//     try BOX METHOD BEGIN END STATUS     a request and the status of its response
 //     end BOX TIME registered DEVICE      the device id as the cloud gave it
 //     end BOX TIME failed
 //     died BOX                            a box ended in another way
@@ -17,10 +17,12 @@
 #include <ctime>
 #include <exception>
 #include <fstream>
+#include <future>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -29,19 +31,22 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "box_cloud.h"
+#include "common/cloud_access.h"
 #include "common/command_line.h"
-#include "cvcloudd/handler_library.h"
+#include "common/handler_library.h"
 #include "cvutils/log.h"
 #include "cvutils_control.h"
 
 namespace {
 
 struct Options {
+    Options() {
+        cloud.partner_id = "desk-partner";
+    }
+
     long first = 0;
     long count = 1;
-    std::string cloud_url;
-    std::string partner_id = "desk-partner";
+    sandbox::CloudAccessOptions cloud;
     std::string token = "desk-partner-token";
     std::string handler;
     std::string settings_file;
@@ -105,13 +110,52 @@ void print_end(long box, const std::string& reply) {
     }
 }
 
+/// The cloud access object of a box that registers once and has no message exchange: it prints each request
+/// and keeps the reply.
+class BoxCloud final : public sandbox::CloudAccess {
+public:
+    BoxCloud(sandbox::CloudAccessOptions access_options, long box_number)
+        : CloudAccess(std::move(access_options)), box(box_number) {}
+    ~BoxCloud() {
+        shut_down();
+    }
+    BoxCloud(const BoxCloud&) = delete;
+    BoxCloud& operator=(const BoxCloud&) = delete;
+
+    /// Waits for the reply to the box's one command. Called once.
+    std::string await_reply() {
+        return reply.get_future().get();
+    }
+
+    int publish_message(const char* /*name*/, const void* /*data*/, unsigned int /*length*/) override {
+        return 0;
+    }
+
+    int send_response(const Message* message) override {
+        reply.set_value(std::string(message->payload, message->payload_len));
+        return 0;
+    }
+
+private:
+    // The handler has one request under way at a time.
+    void request_sent(const sandbox::CloudRequest& /*request*/) override {
+        sent = seconds_now();
+    }
+
+    void request_ended(const sandbox::CloudRequest& request) override {
+        dprintf(STDOUT_FILENO, "try %ld %s %.6f %.6f %u\n", box, request.method.c_str(), sent, seconds_now(),
+                request.status);
+    }
+
+    const long box;
+    double sent = 0;
+    std::promise<std::string> reply;
+};
+
 /// The life of one box, in a process of its own.
 int run_box(const Options& options, long box, const Pipe& ready, const Pipe& go) {
-    fleet::BoxCloud cloud(options.cloud_url, options.partner_id, [box](const fleet::Try& attempt) {
-        dprintf(STDOUT_FILENO, "try %ld %s %.6f %.6f %u\n", box, attempt.method.c_str(), attempt.begin,
-                attempt.end, attempt.status);
-    });
-    cvcloudd::HandlerLibrary handler(options.handler);
+    BoxCloud cloud(options.cloud, box);
+    sandbox::HandlerLibrary handler(options.handler);
     std::vector<std::string> commands;
     if (!handler.init(cloud, commands)) {
         return 1;
@@ -131,7 +175,7 @@ int run_box(const Options& options, long box, const Pipe& ready, const Pipe& go)
     message.payload_len = static_cast<std::uint32_t>(payload.size());
     message.payload = payload.data();
     handler.handle(message);
-    print_end(box, cloud.serve());
+    print_end(box, cloud.await_reply());
     return 0;
 }
 
@@ -238,10 +282,10 @@ int main(int argc, char** argv) {
         ->check(CLI::PositiveNumber.description(""))
         ->type_name("COUNT")
         ->capture_default_str();
-    app.add_option("--cloud-url", options.cloud_url, "The cloud, http://HOST:PORT")
+    app.add_option("--cloud-url", options.cloud.url, "The cloud, http://HOST:PORT")
         ->type_name("URL")
         ->required();
-    app.add_option("--partner-id", options.partner_id, "The partner of the boxes")
+    app.add_option("--partner-id", options.cloud.partner_id, "The partner of the boxes")
         ->type_name("ID")
         ->capture_default_str();
     app.add_option("--token", options.token, "The partner token that they register with")
@@ -269,7 +313,7 @@ int main(int argc, char** argv) {
             throw std::runtime_error(problem);
         }
         // A library that cannot be loaded is told once, not by every box.
-        std::make_unique<cvcloudd::HandlerLibrary>(options.handler).reset();
+        std::make_unique<sandbox::HandlerLibrary>(options.handler).reset();
         curl_global_init(CURL_GLOBAL_DEFAULT);
         rehearse(options);
         return 0;

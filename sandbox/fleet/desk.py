@@ -1,0 +1,1 @@
+../desk/desk.py
