@@ -4,16 +4,13 @@ message or the end of a process, and its bound is an error."""
 import json
 import os
 import socket
-import sys
 import threading
 import uuid
 from pathlib import Path
 
 import pytest
 
-sys.path.insert(0, str(Path(__file__).parents[1] / "desk"))
-
-import desk as desk_module  # noqa: E402 (the path above comes first)
+import desk as desk_module
 import traffic
 
 BUILD_DIRECTORY = Path(os.environ["CV_BUILD_DIR"])
