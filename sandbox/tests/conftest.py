@@ -76,6 +76,7 @@ class SilentCloud:
     def __init__(self):
         self._listener = socket.create_server(("127.0.0.1", 0))
         self._connections = []
+        self._peers = []
         self._changed = threading.Condition()
         self._thread = threading.Thread(target=self._accept, daemon=True)
         self._thread.start()
@@ -87,16 +88,24 @@ class SilentCloud:
     def _accept(self):
         while True:
             try:
-                connection = self._listener.accept()[0]
+                connection, peer = self._listener.accept()
             except OSError:
                 return
             with self._changed:
                 self._connections.append(connection)
+                self._peers.append(peer)
                 self._changed.notify_all()
 
     def wait_for_requests(self, count):
         with self._changed:
             assert self._changed.wait_for(lambda: len(self._connections) >= count, desk_module.START_TIMEOUT)
+
+    def connections(self):
+        """How many connections have been made."""
+        with socket.create_connection(self._listener.getsockname()) as last, self._changed:
+            # They are accepted in their order.
+            assert self._changed.wait_for(lambda: last.getsockname() in self._peers, desk_module.START_TIMEOUT)
+            return self._peers.index(last.getsockname())
 
     def close(self):
         self._listener.shutdown(socket.SHUT_RDWR)

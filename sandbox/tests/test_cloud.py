@@ -94,6 +94,18 @@ def test_the_last_request_alone_explains_a_failure(ready_desk):
     assert "Empty reply" in ready_desk.cvex("start", "--token", desk_module.TOKENS["partner"]).stderr
 
 
+def test_the_latest_thousand_requests_are_remembered(appliance):
+    appliance.start_cloud()
+    for number in range(1002):
+        connection = http.client.HTTPConnection(appliance.cloud_url.removeprefix("http://"),
+                                                timeout=desk_module.START_TIMEOUT)
+        connection.request("POST", "/connect/login", json.dumps({"method": f"method {number}"}))
+        assert connection.getresponse().status == http.client.OK
+        connection.close()
+    assert [request["method"] for request in appliance.ask_cloud("GET", "/requests")] == [
+        f"method {number}" for number in range(2, 1002)]
+
+
 @pytest.mark.parametrize("fault, problem", [
     ("connect", "is not METHOD[*COUNT]=KIND[:ARGUMENT]"),
     ("=drop", "names no method"),

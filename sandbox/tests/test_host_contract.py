@@ -1,8 +1,14 @@
 """What the daemon owes to any handler that it loads."""
 
+import contextlib
+import http.server
 import json
 import os
 import subprocess
+import threading
+from pathlib import Path
+
+import pytest
 
 
 def test_each_accepted_request_is_called_back_once(appliance, handlers):
@@ -67,6 +73,71 @@ def test_an_http_error_is_a_failed_request(appliance):
     result = appliance.cvex("start", "--json", "--token", "any")
     assert result.returncode == 1
     assert json.loads(result.stdout) == {"result": "error_cvnc", "reason": "Response status 414"}
+
+
+class AnsweringCloud(http.server.BaseHTTPRequestHandler):
+    """Gives every request the same answer."""
+    protocol_version = "HTTP/1.1"
+    status = None
+    body = b""
+
+    def do_POST(self):
+        self.rfile.read(int(self.headers["Content-Length"]))
+        self.send_response(self.status)
+        self.send_header("Content-Length", str(len(self.body)))
+        self.end_headers()
+        self.wfile.write(self.body)
+
+    def log_message(self, *_):
+        pass
+
+
+@pytest.fixture
+def answering_cloud(appliance):
+    """Starts a cloud of that status and body, and makes it the desk's."""
+    with contextlib.ExitStack() as stack:
+        def start(status, body):
+            answer = type("Answer", (AnsweringCloud,), {"status": status, "body": body})
+            server = stack.enter_context(http.server.ThreadingHTTPServer(("127.0.0.1", 0), answer))
+            server.daemon_threads = True
+            threading.Thread(target=server.serve_forever, args=[0.01], daemon=True).start()
+            stack.callback(server.shutdown)
+            appliance.cloud_url = f"http://127.0.0.1:{server.server_port}"
+        yield start
+
+
+@pytest.mark.parametrize("status", [201, 204, 404])
+def test_only_http_200_is_a_success(appliance, answering_cloud, status):
+    answering_cloud(status, b"" if status == 204 else b'{"result": {"user_token": "u", "device_id": "d"}}')
+    appliance.start_daemon()
+    result = appliance.cvex("start", "--json", "--token", "any")
+    assert json.loads(result.stdout) == {"result": "error_cvnc", "reason": f"Response status {status}"}
+
+
+def test_a_failed_answer_has_its_body(appliance, handlers, answering_cloud):
+    answering_cloud(503, b"come back later")
+    daemon = appliance.start_daemon(handler=handlers["probe"])
+    assert json.loads(appliance.cvex("send", "probe_cloud", "1").stdout) == {"result": "ok", "failed": 1}
+    daemon.wait_for_line("probe: status 503, body: come back later$")
+
+
+def run_times(process):
+    """Nanoseconds on a processor of each thread."""
+    return {task.name: (task / "schedstat").read_text(encoding="ascii").split()[0]
+            for task in Path(f"/proc/{process.pid}/task").iterdir()}
+
+
+@pytest.mark.skipif("thread" in os.environ.get("CV_SANITIZE", ""), reason="the sanitizer has a thread that wakes up")
+def test_an_idle_daemon_takes_no_processor_time(ready_desk):
+    ready_desk.register()
+    for _ in range(20):  # What the registration left to do may still end in the first rounds.
+        before = run_times(ready_desk.daemon.process)
+        for _ in range(5):
+            subprocess.run([ready_desk.programs["cvex"], "--help"], check=True, stdout=subprocess.DEVNULL)
+        after = run_times(ready_desk.daemon.process)
+        if after == before:
+            return
+    raise AssertionError(f"nanoseconds of each thread, before and after five other programs ran: {before}, {after}")
 
 
 def test_a_command_that_no_handler_takes_is_answered(ready_desk):

@@ -118,6 +118,17 @@ def test_tokens_of_a_payload_that_is_no_json_are_masked(appliance, payload):
     assert "secret" not in log
 
 
+def test_a_token_that_begins_with_another_is_masked_whole(appliance):
+    appliance.start_cloud()
+    appliance.start_daemon("--log-level", "3", "--mask-tokens")
+    payload = '{"token": "first", "old_token": "first-and-rest" no JSON'
+    assert appliance.cvex("send", "--raw", "start_cloud_registration", payload).returncode == 3
+    assert appliance.cvex("send", "first-and-rest").returncode == 3
+    log = "\n".join(log_of(appliance))
+    assert "no handler takes the command ***\n" in log
+    assert "rest" not in log
+
+
 def test_a_record_has_the_log_as_it_was_masked(appliance):
     record = appliance.run_directory / "record.jsonl"
     user_token, _ = start_and_log(appliance, PARTNER_TOKEN, "--mask-tokens", "--record", record)

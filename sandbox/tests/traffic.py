@@ -73,6 +73,7 @@ def problem_of_start(payload, reply):
 def check(path):
     """Raises TrafficError for the first event of a record that is not as its schema says."""
     starts = {}
+    latest = {"command": 0, "build": 0}
     # Not splitlines(), which knows line ends that JSON leaves as they are.
     for number, line in enumerate(path.read_text(encoding="utf-8").split("\n")[:-1], 1):
         event = json.loads(line)
@@ -89,6 +90,10 @@ def check(path):
             problem = problem_of_reply(event["payload"])
             if not problem and event["request_id"] in starts:
                 problem = problem_of_start(starts[event["request_id"]], event["payload"])
+        if kind in latest:
+            before, latest[kind] = latest[kind], event["request_id" if kind == "command" else "request"]
+            if latest[kind] <= before:
+                problem = f"its number {latest[kind]} comes after {before}"
         if problem:
             raise TrafficError(f"{path}:{number}: {problem}; the event is {line}")
 

@@ -43,6 +43,8 @@ void count_callback(cvtessel_response* response, void* user_data) {
     ++called_back;
     if (response->status != 0) {
         ++probe->failed;
+        log_text("status " + std::to_string(response->status) +
+                 ", body: " + std::string(response->body, response->body_length));
     }
     cloud->release_response(response);
     if (--probe->outstanding == 0) {
