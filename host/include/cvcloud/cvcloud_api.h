@@ -3,6 +3,9 @@
 
 /// @file
 /// The cloud access object, which takes handlers' requests, messages and replies, and its responses.
+///
+/// This is a stand-in for the maker's header: the offsets of its members and the slots of its operations are
+/// its own. Only their order is known to be the maker's.
 
 #include <cstddef>
 #include <cstdint>
@@ -10,8 +13,8 @@
 
 #include "cvcloud/message.h"
 
-/// One response of the cloud, owned by the cloud access object and lent to the callback that receives it
-/// until the callback gives it back with CvCloudAPI::release_response().
+/// One response of the cloud. It belongs to the cloud access object; a callback that has received it may read
+/// it until it gives it back with CvCloudAPI::release_response().
 struct cvtessel_response {
     /// 0 when the exchange succeeded, any other value when it failed.
     std::uint32_t status;
@@ -40,11 +43,11 @@ using cvtessel_callback = void (*)(cvtessel_response* response, void* user_data)
 /// There is no virtual destructor: it would take slots of the table.
 class CvCloudAPI {
 public:
-    /// Hands a built request to the cloud client, addressed to `service`. Any thread may call it.
+    /// Sends a text of build_request() to `service`. Any thread may call it.
     ///
-    /// Returns 0 when the request was accepted: `callback` is then called exactly once, with the response and
-    /// `user_data`. Any other value means that the request was not sent and the callback will not be called.
-    /// `request` may be freed as soon as the call returns.
+    /// Returns 0 when it took the request: `callback` is then called exactly once, with the response and
+    /// `user_data`. After any other value it is never called. `request` may be freed as soon as the call
+    /// returns.
     virtual int send_request(const char* request, const char* service, cvtessel_callback callback,
                              void* user_data) = 0;
 
@@ -53,7 +56,8 @@ public:
     virtual void release_response(cvtessel_response* response) = 0;
 
     /// Builds the request text for `method` with the JSON text `params` of `params_len` bytes; with
-    /// `add_connect_fields` the object adds its `user_token` and `device_id`. Any thread may call it.
+    /// `add_connect_fields` the object adds its connection fields. Any thread may call it. Which fields these
+    /// are is the maker's affair; this stand-in's are `user_token` and `device_id`.
     ///
     /// Returns a text that the caller releases with free(), or null when the request cannot be built.
     virtual char* build_request(const char* method, const char* params, unsigned int params_len,
@@ -65,7 +69,8 @@ public:
     /// Returns 0 on success, any other value on failure. The data is used during the call only.
     virtual int publish_message(const char* name, const void* data, unsigned int length) = 0;
 
-    /// The daemon's own. No handler calls it; it is declared to keep the next operation in its slot.
+    /// One operation of the daemon's own, that no handler calls, is in this place; the maker's table may hold
+    /// more of them, here and elsewhere.
     virtual int daemon_operation() = 0;
 
     /// Delivers a reply to the requester that `reply->request_id` names. Any thread may call it. The record

@@ -16,16 +16,17 @@ namespace log {
 /// The most detailed level that is logged, 0 to 3. The library may change it at any time from any thread.
 extern int current_level;
 
-/// Writes one finished line. `destination` 0 is the process's own log. Any thread may call it.
+/// Writes one finished line. `destination` is 0 in every call of a handler. Any thread may call it.
 void print(int destination, int level, const char* line);
 
 } // namespace log
 
-/// Logs a JSON document in one line under a title, when `level` is admitted. The document is borrowed.
-/// Any thread may call it.
+/// Logs a JSON document under a title, when `level` is admitted. The document is borrowed. Any thread may
+/// call it.
 void log_json(int level, const char* title, const json_t* document);
 
-/// Collects printf-formatted text in a buffer of the caller's; text beyond the buffer's end is dropped.
+/// Collects printf-formatted text in a buffer of the caller's. What becomes of text beyond the buffer's end
+/// is the library's own affair; this stand-in's drops it.
 class MemoryStream {
 public:
     /// `buffer` holds `size` bytes, at least 1, and must outlive the stream.

@@ -8,8 +8,7 @@
 
 namespace cv {
 
-/// Fills `mac` with the text form of the interface's MAC address. False when it cannot be determined; `mac`
-/// is then left as it was.
+/// Fills `mac` with the text form of the interface's MAC address. False when it cannot be determined.
 bool get_mac_address(const std::string& interface_name, std::string& mac);
 
 } // namespace cv

@@ -16,8 +16,8 @@ namespace cv::registration {
 /// cloud access object's before the registration object learns of it.
 void get_user_token_callback(cvtessel_response* response, void* user_data);
 
-/// Takes the device id out of the response to "register_box". On success it is the cloud access object's
-/// identity before the registration object learns of it.
+/// As get_user_token_callback(), for the device id in the response to "register_box", which becomes the cloud
+/// access object's identity.
 void register_box_callback(cvtessel_response* response, void* user_data);
 
 } // namespace cv::registration

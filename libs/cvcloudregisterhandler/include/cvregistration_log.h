@@ -28,8 +28,9 @@ constexpr const char* base_name(const char* path) {
 
 /// Logs one line: CV_LOG(level, format, arguments...), printf-style, on any thread.
 ///
-/// Level 0 is for a failure, 1 for a refusal or exhausted retries, 2 for progress, documents and requests
-/// that could not be sent, 3 for detail. A line is collected in 512 bytes on the stack.
+/// The levels: 0 failures; 1 refused commands, and steps without a try left; 2 what a registration does, its
+/// documents, and requests that were not sent; 3 everything else. A line is collected in 512 bytes on the
+/// stack.
 ///
 /// The arguments are evaluated only when the level is admitted. An argument that reads errno reads it too
 /// late: copy it first. The level is read atomically since the logger may change it on another thread.

@@ -10,12 +10,11 @@ namespace cv::registration {
 
 class RegistrationHandler;
 
-/// The worker thread on which a registration runs, and the two pipes through which other threads talk to it.
+/// The worker thread of a registration, and the two pipes that wake it and end it.
 ///
-/// One byte on the run pipe makes the worker call the handler's run_state_machine() once; a byte on the stop
-/// pipe makes it end. The pipes are the only synchronisation: what a thread writes before its run() is what
-/// the worker reads after it has read the byte. Both pipes are non-blocking, so no writer ever waits for the
-/// worker.
+/// For each byte on the run pipe the worker runs the state machine once; it ends when there is a byte on the
+/// stop pipe. There is no other synchronisation: what a thread writes before its run(), the worker sees once
+/// it has read the byte. Both pipes are non-blocking, so no writer ever waits for the worker.
 class RegistrationThread {
 public:
     /// Opens the pipes and starts the worker, which sleeps until the first run(). Called once, on the
@@ -30,21 +29,22 @@ public:
     /// unread are abandoned.
     void uninit();
 
-    /// Asks for one run of the state machine, from any thread. Returns 1, or -1 when the wake-up was dropped
-    /// because the pipe is full.
+    /// Asks for one run of the state machine, from any thread. Returns what write_byte() does: 1, or -1 when
+    /// the wake-up is lost.
     int run();
 
     /// Opens both pipes. On failure both are closed again and false is returned.
     bool init_pipes();
 
-    /// Closes both ends of a pipe. The entries keep their values. In a pipe that was never opened the write
-    /// end counts as descriptor 0.
+    /// Closes both ends of a pipe, but none that is -1. The entries keep their values.
     static void close_pipe(const int (&pipe)[2]);
 
-    /// The worker's loop. `registration_thread` is the RegistrationThread; returns null when the worker ends.
+    /// The worker's loop, in the form of a POSIX thread's entry: any thread can run it, a test's too.
+    /// `registration_thread` is the RegistrationThread; returns null when the worker ends.
     static void* thread_function(void* registration_thread);
 
-    /// Read end, then write end; only the read end tells an unopened pipe. A byte makes the worker end.
+    /// Read end, then write end: -1 and 0 until it is opened. That close_pipe() then closes descriptor 0 is
+    /// fixed behaviour, which docs/host-hazards.md describes. A byte makes the worker end.
     int stop_pipe[2] = {-1};
     /// As stop_pipe. Each byte makes the worker run the state machine once.
     int run_pipe[2] = {-1};

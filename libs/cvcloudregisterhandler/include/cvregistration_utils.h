@@ -16,7 +16,7 @@ namespace cv::registration {
 
 /// Gives up one reference to a JSON value.
 struct JsonRelease {
-    /// Called by JsonDocument alone.
+    /// `value` is not null: an empty owner releases nothing.
     void operator()(json_t* value) const {
         json_decref(value);
     }
@@ -24,7 +24,7 @@ struct JsonRelease {
 
 /// Frees a text of the C library's heap.
 struct TextRelease {
-    /// Called by HeapText alone.
+    /// `text` is not null: an empty owner frees nothing.
     void operator()(char* text) const {
         std::free(text);
     }
@@ -59,8 +59,8 @@ enum ErrorId : int {
 /// Builds the error reply {"result": "<identifier>", "reason": "<reason>"}; the result of an identifier
 /// outside the enumeration is "error". Any thread may call it.
 ///
-/// The reason is inserted as it is: one that holds a double quote or a backslash makes the reply invalid
-/// JSON.
+/// Nothing in the reason is escaped: with a double quote or a backslash in it the reply is not valid JSON.
+/// That is so on purpose; the text is fixed.
 std::string build_error_response(ErrorId id, const std::string& reason);
 
 /// @name Settings
@@ -87,7 +87,7 @@ extern std::string g_device_model;
 void init_global_settings();
 
 /// Sends `text` to the requester that `request_id` names. Any thread may call it.
-/// Returns the daemon's own result; nobody acts on it, since there is nobody else to tell.
+/// Returns the daemon's own result, which no caller acts on: a reply that is lost is lost.
 int send_cvex_response(unsigned long long request_id, const std::string& text);
 
 /// Receives the response to one request. `user_data` is the request's 8-byte heap block.
@@ -103,8 +103,8 @@ bool send_request_to_cloud(const char* service, const char* method, const char* 
                            unsigned int params_len, unsigned long long request_id, ResponseCallback callback,
                            std::string& error, bool add_connect_fields);
 
-/// Writes one wake-up byte to a pipe, on any thread; never blocks. Returns 1 when it was written and -1 when
-/// not: a pipe that is full drops the wake-up.
+/// Writes one wake-up byte to a pipe, on any thread; never blocks. Returns 1 when it was written. Returns -1
+/// when the wake-up is lost: the pipe is full, or `poll` or `write` failed.
 int write_byte(int descriptor);
 
 } // namespace cv::registration
