@@ -21,7 +21,7 @@ struct RegistrationParameters {
     std::string token;
     /// "partner" or "temporary".
     std::string token_type;
-    /// The MAC address to register the box under, in upper case.
+    /// The box's MAC address for the cloud, in upper case.
     std::string mac;
 };
 
@@ -41,7 +41,7 @@ struct TokenTypeInfo {
 /// Three threads meet here without a mutex. The daemon's thread prepares a registration while none is in
 /// progress; the worker runs it; a response callback stores one result while the worker waits for it. Whoever
 /// is done hands over by writing a wake-up byte, or, at the end, by clearing `registration_in_progress`. The
-/// daemon is relied on to deliver one command at a time.
+/// daemon delivers its commands one by one; nothing here holds two of them apart.
 class RegistrationHandler {
 public:
     /// Values appear in log lines.
@@ -95,12 +95,12 @@ public:
     /// the state table stay. (The worker calls it too, after a success.)
     void reset();
 
-    /// Takes the input of a registration over and installs the login step that fits its token type. False
-    /// when the token type is unknown; the login step is then the previous one.
+    /// Takes the input of a registration over, and its token type's login step into the table of states.
+    /// False when the token type is unknown; the login step is then the previous one.
     bool set_input_params(const RegistrationParameters& params);
 
     /// Marks the registration as in progress and wakes the worker. The handler has been reset and given its
-    /// input. Returns 1, or -1 when the wake-up was dropped.
+    /// input. Returns 1, or -1 when the wake-up is lost.
     int start_cloud_registration();
 
     /// Resumes a failed registration at its first step that has not succeeded, with a fresh budget of tries.
@@ -115,7 +115,7 @@ public:
     /// @{
 
     /// Stores the outcome of the login step and wakes the worker. `error` is the error reply of a failed step
-    /// and empty after a success. Returns 1, or -1 when the wake-up was dropped.
+    /// and empty after a success. Returns 1, or -1 when the wake-up is lost.
     int set_user_token_info(const std::string& user_token, bool success, const std::string& error);
 
     /// As set_user_token_info(), for the box registration step.
@@ -170,7 +170,7 @@ public:
     std::string first_method;
     /// The requester's token.
     std::string token;
-    /// The MAC address to register the box under.
+    /// The box's MAC address for the cloud.
     std::string mac;
     /// The error reply of the last result, sent if the registration ends in FAIL.
     std::string error_response;
@@ -185,8 +185,9 @@ private:
     void set_in_progress(bool in_progress);
     int store_result(StepProgress& progress, const std::string& value, bool success,
                      const std::string& error);
-    bool send_params(const char* service, const char* method, JsonDocument params, bool complete,
-                     ResponseCallback callback, bool add_connect_fields);
+    // `params` is null when the text could not be made.
+    bool send_params(const char* service, const char* method, const char* params, ResponseCallback callback,
+                     bool add_connect_fields);
 };
 
 } // namespace cv::registration

@@ -45,8 +45,7 @@ void record_request(const Message& message) {
 // Reads and validates the payload of a start command. On false `response` holds the error reply.
 bool parse_message(const Message& message, RegistrationParameters& params, std::string& response) {
     CV_LOG(2, "Received %s message", kStartCloudRegMsg);
-    json_error_t json_error;
-    JsonDocument payload(json_loadb(message.payload, message.payload_len, 0, &json_error));
+    JsonDocument payload(json_loadb(message.payload, message.payload_len, 0, nullptr));
     if (!payload) {
         // A precision above INT_MAX would be negative, and so none.
         const auto length = static_cast<int>(std::min<std::uint32_t>(message.payload_len, INT_MAX));
@@ -63,7 +62,7 @@ bool parse_message(const Message& message, RegistrationParameters& params, std::
     }
     const char* mac = json_extract_string_value(payload.get(), kRegisterMacAddress);
     params = {token, token_type, mac != nullptr ? mac : ""};
-    payload.reset();
+    payload.reset(); // Before a refusal is built: the order of the releases is fixed.
 
     if (params.token.empty()) {
         return refuse(response, error_invalid_arguments, "empty token");
@@ -83,8 +82,8 @@ bool parse_message(const Message& message, RegistrationParameters& params, std::
     return true;
 }
 
-// Both return true when the registration was handed to the worker, which answers it. On false `response`
-// holds the refusal to send, which is empty in one case.
+// Both return true when the registration is the worker's to run and to answer. On false `response` holds the
+// refusal to send, which is empty in one case.
 
 bool handle_start_registration(const Message& message, std::string& response) {
     if (g_registration_handler->registration_in_progress.load()) {
@@ -97,7 +96,7 @@ bool handle_start_registration(const Message& message, std::string& response) {
     g_registration_handler->reset();
     record_request(message);
     if (!g_registration_handler->set_input_params(params)) {
-        return false; // With an empty reply: clients know this refusal by it.
+        return false; // The one refusal with an empty reply, which is fixed as such.
     }
     g_cvcloud_api->user_token = params.token;
     g_cvcloud_api->device_id = kTemporaryDeviceId;
@@ -113,33 +112,35 @@ bool handle_retry_registration(const Message& message, std::string& response) {
     return g_registration_handler->retry_cloud_registration(response);
 }
 
-} // namespace
-
-} // namespace cv::registration
-
-int HandlerAPI_impl::init(CvCloudAPI* api, std::vector<std::string>& commands) {
-    using namespace cv::registration;
-
+// Named as its log lines have to be. False when the handler is not ready; what was made by then is left.
+bool init(CvCloudAPI* api, std::vector<std::string>& commands) {
     g_cvcloud_api = api;
     if (api == nullptr) {
         CV_LOG(0, "There was an error while cloning cvcloud_api");
-        uninit();
-        return 0;
+        return false;
     }
     void* storage = ::operator new(sizeof(RegistrationHandler), std::nothrow);
     if (storage == nullptr) {
         g_registration_handler = nullptr;
         CV_LOG(0, "There was an error while creating a RegistrationHandler obj");
-        uninit();
-        return 0;
+        return false;
     }
+    // Nothing of the memory's previous use is left in the object, not even in its padding.
     std::memset(storage, 0, sizeof(RegistrationHandler));
     g_registration_handler = new (storage) RegistrationHandler;
     commands.emplace_back(kStartCloudRegMsg);
     commands.emplace_back(kRetryCloudRegMsg);
     init_global_settings();
-    if (!g_registration_handler->init()) {
-        uninit();
+    return g_registration_handler->init();
+}
+
+} // namespace
+
+} // namespace cv::registration
+
+int HandlerAPI_impl::init(CvCloudAPI* api, std::vector<std::string>& commands) {
+    if (!cv::registration::init(api, commands)) {
+        uninit(); // Not HandlerAPI_impl::uninit(): a derived handler's own is called, too.
         return 0;
     }
     return 1;

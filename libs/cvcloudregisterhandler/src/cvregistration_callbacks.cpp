@@ -33,8 +33,7 @@ JsonDocument parse_response(const cvtessel_response& response, std::string& erro
     if (!check_response(response.status, response.body_length, error)) {
         return nullptr;
     }
-    json_error_t json_error;
-    JsonDocument document(json_loadb(response.body, response.body_length, 0, &json_error));
+    JsonDocument document(json_loadb(response.body, response.body_length, 0, nullptr));
     if (!document) {
         error = build_error_response(error_cvnc, "Response is not JSON: " +
                                                      std::string(response.body, response.body_length));
@@ -115,6 +114,7 @@ void register_box_callback(cvtessel_response* response, void* user_data) {
     if (!success) {
         CV_LOG(0, "%s", error.c_str());
     }
+    // The login's callback closes first and reports last. Both orders are fixed: the daemon sees them.
     g_registration_handler->set_device_id_info(device_id, success, error);
     delete_request_id_block(user_data);
     g_cvcloud_api->release_response(response);

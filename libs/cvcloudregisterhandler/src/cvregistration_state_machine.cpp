@@ -3,7 +3,6 @@
 #include <unistd.h>
 
 #include <cstring>
-#include <utility>
 #include <vector>
 
 #include "cvcloud/cvcloud_api.h"
@@ -205,10 +204,15 @@ bool RegistrationHandler::send_connect_request() {
         error_response = jansson_error();
         return false;
     }
-    const bool complete = json_attach_value(params.get(), "partner_user_token", token.c_str()) &&
-                          json_attach_value(params.get(), "partner_id", g_cvcloud_api->partner_id.c_str());
-    if (send_params(kLoginService, kConnectMethod, std::move(params), complete, get_user_token_callback,
-                    false)) {
+    HeapText text;
+    if (json_attach_value(params.get(), "partner_user_token", token.c_str()) &&
+        json_attach_value(params.get(), "partner_id", g_cvcloud_api->partner_id.c_str())) {
+        text.reset(json_dumps(params.get(), 0));
+    }
+    const bool sent = send_params(kLoginService, kConnectMethod, text.get(), get_user_token_callback, false);
+    params.reset(); // Both before the outcome is logged: the order of the releases is fixed.
+    text.reset();
+    if (sent) {
         CV_LOG(3, "Successfully sent %s", kConnectMethod);
         return true;
     }
@@ -232,12 +236,17 @@ bool RegistrationHandler::send_register_box_request() {
         error_response = jansson_error();
         return false;
     }
-    const bool complete = json_attach_value(params.get(), "macs", std::vector<std::string>{mac}) &&
-                          json_attach_value(params.get(), "box_detected_name", g_box_name.c_str()) &&
-                          json_attach_value(params.get(), "setup_type", g_setup_type.c_str()) &&
-                          json_attach_value(params.get(), "device_model", g_device_model.c_str());
-    if (send_params(kRegisterService, kRegisterMethod, std::move(params), complete, register_box_callback,
-                    true)) {
+    HeapText text;
+    if (json_attach_value(params.get(), "macs", std::vector<std::string>{mac}) &&
+        json_attach_value(params.get(), "box_detected_name", g_box_name.c_str()) &&
+        json_attach_value(params.get(), "setup_type", g_setup_type.c_str()) &&
+        json_attach_value(params.get(), "device_model", g_device_model.c_str())) {
+        text.reset(json_dumps(params.get(), 0));
+    }
+    const bool sent = send_params(kRegisterService, kRegisterMethod, text.get(), register_box_callback, true);
+    params.reset(); // As in send_connect_request().
+    text.reset();
+    if (sent) {
         CV_LOG(3, "Successfully sent %s", kRegisterMethod);
         return true;
     }
@@ -245,18 +254,15 @@ bool RegistrationHandler::send_register_box_request() {
     return false;
 }
 
-bool RegistrationHandler::send_params(const char* service, const char* method, JsonDocument params,
-                                      bool complete, ResponseCallback callback, bool add_connect_fields) {
-    const HeapText text(complete ? json_dumps(params.get(), 0) : nullptr);
-    if (!text) {
+bool RegistrationHandler::send_params(const char* service, const char* method, const char* params,
+                                      ResponseCallback callback, bool add_connect_fields) {
+    if (params == nullptr) {
         error_response = jansson_error();
         return false;
     }
-    const auto length = static_cast<unsigned int>(std::strlen(text.get()));
-    const bool sent = send_request_to_cloud(service, method, text.get(), length, request_id, callback,
-                                            error_response, add_connect_fields);
-    params.reset();
-    return sent;
+    const auto length = static_cast<unsigned int>(std::strlen(params));
+    return send_request_to_cloud(service, method, params, length, request_id, callback, error_response,
+                                 add_connect_fields);
 }
 
 std::string RegistrationHandler::build_success_message() {
@@ -272,7 +278,7 @@ std::string RegistrationHandler::build_success_message() {
         return {};
     }
     std::string body = text.get();
-    text.reset();
+    text.reset(); // Both before the line below, in this order, which is fixed.
     message.reset();
     CV_LOG(2, "Response: %s", body.c_str());
     return body;

@@ -3,7 +3,6 @@
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <map>
 #include <new>
 
@@ -44,7 +43,7 @@ void init_global_settings() {
     g_setup_type = setMgmt::getKeyValue("/daemons/cvcloudd/registration/setup_type", "STANDALONE");
     g_box_name = setMgmt::getKeyValue("/daemons/cvcloudd/registration/box_name", "Corvane Orlo");
     g_device_model = setMgmt::getKeyValue("/daemons/cvcloudd/registration/device_model", "orlov2");
-    // Log filters out there match this line with its doubled comma.
+    // The text is fixed, with its doubled comma.
     CV_LOG(3, "g_retry_num=%d, g_retry_interval=%d,, g_register_interface=%s", g_retry_num, g_retry_interval,
            g_register_interface.c_str());
 }
@@ -67,7 +66,7 @@ std::string build_error_response(ErrorId id, const std::string& reason) {
 
 int send_cvex_response(unsigned long long request_id, const std::string& text) {
     Message reply = {};
-    std::snprintf(reply.name, 128, "%d", 0);
+    reply.name[0] = '0'; // The name of every reply is the text "0".
     reply.request_id = request_id;
     reply.payload_len = static_cast<std::uint32_t>(text.length());
     reply.payload = text.data();
@@ -95,7 +94,7 @@ bool send_request_to_cloud(const char* service, const char* method, const char* 
         return true; // The block is the callback's now, and may be gone already.
     }
     error = build_error_response(error_cvnc, "cvnc_ask error");
-    request.reset();
+    request.reset(); // Before the block: the order of the releases is fixed.
     delete request_id_block;
     return false;
 }
