@@ -193,6 +193,26 @@ TEST_F(EntryPointTest, UninitStopsTheWorkerThenDestroysTheRegistrationObject) {
     EXPECT_EQ(events(), Events{});
 }
 
+TEST_F(EntryPointTest, UninitLeavesTheRegistrationObjectToTheRunThatItWaitsFor) {
+    ASSERT_NE(init(), 0);
+    const std::string descriptor = std::to_string(g_registration_handler->thread.stop_pipe[1]);
+    interception::during_sleep(
+        [&] { Await("log 2 uninit: Wrote stop signal on fd " + descriptor + " (1)"); });
+    cloud.refuse_next_send();
+    cloud.answer_inside_next_send({R"({"result": {"user_token": "u"}})"});
+    Message message = {};
+    std::strcpy(message.name, "start_cloud_registration");
+    const std::string payload = R"({"token": "t", "token_type": "partner"})";
+    message.payload = payload.data();
+    message.payload_len = static_cast<std::uint32_t>(payload.length());
+    api->handle(&message);
+    Await("sleep 1");
+    api->uninit();
+    EXPECT_EQ(cloud.user_token, "u");
+    EXPECT_EQ(events({"send_request", "release_response"}),
+              (Events{"send_request connect/login", "send_request connect/login", "release_response"}));
+}
+
 TEST_F(EntryPointTest, InitAfterUninitReadsTheSettingsAgain) {
     ASSERT_NE(init(), 0);
     api->uninit();
@@ -270,7 +290,8 @@ protected:
 
 TEST_F(CommandTest, AnUnknownCommandIsAnswered) {
     for (const std::string name :
-         {"ping", "", "start_cloud_registration2", "retry_cloud_registratio", "Start_cloud_registration"}) {
+         {"ping", "", "start_cloud_registration2", "retry_cloud_registratio", "Start_cloud_registration",
+          "Retry_cloud_registration", "RETRY_CLOUD_REGISTRATION"}) {
         journal().clear();
         handle(kRequest, name, 3);
         const std::string response = error_reply("error_other", "Unexpected message: " + name);
@@ -332,7 +353,7 @@ protected:
 };
 
 TEST_F(RefusedStartTest, APayloadThatIsNotJsonIsQuoted) {
-    for (const std::string payload : {"nonsense", "", R"({"token": )", R"("a text")"}) {
+    for (const std::string payload : {"nonsense", "", R"({"token": )", "5", "true", "null", R"("a text")"}) {
         expect_refused(payload, "error_invalid_arguments", "Could not parse input into a JSON",
                        {"log 1 parse_message: Could not parse \"" + payload + "\""});
     }
@@ -504,6 +525,26 @@ TEST_F(CommandTest, ATemporaryTokenIsRegisteredWithoutAnAnswerThatNobodyWaitsFor
                              "send_request connect/box_mgmt",
                              "publish cloud_registration_done " + done,
                          }));
+}
+
+TEST_F(CommandTest, NoOtherTypeIsTakenForARequest) {
+    for (const std::int32_t type : {INT32_MIN, -2, 0, 1, 3, 4, INT32_MAX}) {
+        SCOPED_TRACE(type);
+        journal().clear();
+        retry(type); // Refused, since nothing has failed.
+        cloud.answer_inside_next_send(user_token);
+        cloud.answer_inside_next_send(device_id);
+        start(partner, type);
+        await_worker(3);
+        EXPECT_EQ(events({"publish", "reply"}), Events{"publish cloud_registration_done " + done});
+    }
+}
+
+TEST_F(CommandTest, ARetryOfAnotherTypeWantsNoReply) {
+    for (const std::int32_t type : {INT32_MIN, -2, 0, 1, 3, 4, INT32_MAX}) {
+        retry(type);
+        EXPECT_FALSE(g_registration_handler->reply_requested) << type;
+    }
 }
 
 TEST_F(CommandTest, ACloudThatAnswersAtOnceIsNotTooFast) {

@@ -130,6 +130,12 @@ TEST_F(LoginCallbackTest, QuotesABodyThatIsNotJson) {
     expect_failure({{"{\"result\": "}, "error_cvnc", "Response is not JSON: {\"result\": ", false});
 }
 
+TEST_F(LoginCallbackTest, TakesNoScalarForADocument) {
+    for (const std::string scalar : {"5", "true", "null", R"("a text")"}) {
+        expect_failure({{scalar}, "error_cvnc", "Response is not JSON: " + scalar, false});
+    }
+}
+
 TEST_F(LoginCallbackTest, RefusesATokenThatIsNoString) {
     const std::string reason = "invalid user_token in response";
     expect_failure(
@@ -238,6 +244,12 @@ TEST_F(RegisterBoxCallbackTest, ScreensTheStatusBeforeTheLength) {
 
 TEST_F(RegisterBoxCallbackTest, QuotesABodyThatIsNotJson) {
     expect_failure({{"nonsense"}, "error_cvnc", "Response is not JSON: nonsense", false});
+}
+
+TEST_F(RegisterBoxCallbackTest, TakesNoScalarForADocument) {
+    for (const std::string scalar : {"5", "true", "null", R"("a text")"}) {
+        expect_failure({{scalar}, "error_cvnc", "Response is not JSON: " + scalar, false});
+    }
 }
 
 TEST_F(RegisterBoxCallbackTest, RefusesADeviceIdThatIsNoString) {

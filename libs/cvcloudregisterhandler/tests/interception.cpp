@@ -41,6 +41,7 @@ struct Scripts {
     std::deque<int> read;
     std::deque<int> write;
     std::function<void()> write_hook;
+    std::function<void()> sleep_hook;
     std::set<int> unreal_descriptors = {0};
     interception::SelectCall last_select;
 };
@@ -180,6 +181,11 @@ void before_write(std::function<void()> hook) {
     scripts().write_hook = std::move(hook);
 }
 
+void during_sleep(std::function<void()> hook) {
+    const std::lock_guard<std::mutex> lock(mutex);
+    scripts().sleep_hook = std::move(hook);
+}
+
 SelectCall last_select() {
     const std::lock_guard<std::mutex> lock(mutex);
     return scripts().last_select;
@@ -310,6 +316,14 @@ void __wrap_json_delete(json_t* value) {
 
 unsigned int __wrap_sleep(unsigned int seconds) {
     journal().record("sleep " + std::to_string(seconds));
+    std::function<void()> hook;
+    {
+        const std::lock_guard<std::mutex> lock(mutex);
+        hook = scripts().sleep_hook;
+    }
+    if (hook) {
+        hook();
+    }
     return 0;
 }
 

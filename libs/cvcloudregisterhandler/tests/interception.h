@@ -43,6 +43,8 @@ void return_from_next_write(int result);
 
 /// Called before each write(), on the writing thread.
 void before_write(std::function<void()> hook);
+/// Called in each sleep(), on the sleeping thread.
+void during_sleep(std::function<void()> hook);
 
 /// The arguments of the last select().
 struct SelectCall {
