@@ -9,6 +9,8 @@
 #include <cstdlib>
 #include <memory>
 
+#include "figures.h"
+#include "process.h"
 #include "scenarios.h"
 #include "stand_ins.h"
 
@@ -32,7 +34,7 @@ void* count(void* block, std::size_t size) {
     if (block != nullptr) {
         ++live_blocks;
         live_bytes += static_cast<long>(malloc_usable_size(block));
-        if (!in_host) {
+        if (kit::in_module()) {
             ++allocations;
             allocated_bytes += static_cast<long>(size);
         }
@@ -75,7 +77,7 @@ namespace {
 
 // What one run of a scenario allocates: the difference between ten and twenty, without what is done only
 // once.
-json_t* measure(LeanHost& host, CvHandlerAPI& handler, const std::string& scenario, std::size_t token_length,
+json_t* measure(kit::LeanHost& host, CvHandlerAPI& handler, const std::string& scenario, std::size_t token_length,
                 std::size_t user_token_length) {
     constexpr long kTimes = 10;
     std::array<long, 2> blocks = {};
@@ -97,22 +99,23 @@ json_t* measure(LeanHost& host, CvHandlerAPI& handler, const std::string& scenar
 
 int main(int argc, char** argv) {
     if (argc != 2 && argc != 3) {
-        die("usage: allocations LIBRARY [REGISTRATIONS]");
+        kit::die("usage: allocations LIBRARY [REGISTRATIONS]");
     }
-    LeanHost host;
+    start_measuring();
+    kit::LeanHost host;
     CvHandlerAPI& handler = load_handler(argv[1]);
     json_t* const result = json_object();
 
     const long before_init = live_bytes;
-    host.init(handler);
+    init(host, handler);
     json_object_set_new(result, "live_bytes_after_init", json_integer(live_bytes - before_init));
     json_t* const scenarios = json_object();
     for (const char* scenario : kScenarios) {
         json_object_set_new(scenarios, scenario, measure(host, handler, scenario, 32, 32));
     }
     const std::unique_ptr<StandIn> floor = make_floor();
-    LeanHost floor_host;
-    floor_host.init(*floor);
+    kit::LeanHost floor_host;
+    init(floor_host, *floor);
     json_object_set_new(scenarios, "floor", measure(floor_host, *floor, "partner", 32, 32));
     floor->uninit();
     json_object_set_new(result, "scenarios", scenarios);

@@ -12,9 +12,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <thread>
+#include <optional>
 
-#include "lean_host.h"
+
+#include "figures.h"
+#include "handler_library.h"
+#include "process.h"
+#include "scenarios.h"
 
 namespace {
 
@@ -56,20 +60,20 @@ json_t* figures() {
     const long kilobytes = private_kilobytes();
     return json_pack("{s:I, s:I, s:I}", "private_kilobytes", static_cast<json_int_t>(kilobytes),
                      "descriptors", static_cast<json_int_t>(descriptors()), "threads",
-                     static_cast<json_int_t>(thread_ids().size()));
+                     static_cast<json_int_t>(kit::names_in("/proc/self/task").size()));
 }
 
 json_t* load_times(const char* path, long repeats) {
     json_t* const loads = json_array();
     json_t* const unloads = json_array();
     for (long repeat = 0; repeat < repeats; ++repeat) {
-        const std::int64_t begin = nanoseconds();
+        const std::int64_t begin = kit::nanoseconds();
         void* const library = dlopen(path, RTLD_NOW | RTLD_LOCAL);
-        const std::int64_t loaded = nanoseconds();
+        const std::int64_t loaded = kit::nanoseconds();
         if (library == nullptr || dlclose(library) != 0) {
-            die(dlerror());
+            kit::die(dlerror());
         }
-        json_array_append_new(unloads, json_integer(nanoseconds() - loaded));
+        json_array_append_new(unloads, json_integer(kit::nanoseconds() - loaded));
         json_array_append_new(loads, json_integer(loaded - begin));
     }
     return json_pack("{s:o, s:o}", "load", loads, "unload", unloads);
@@ -79,38 +83,31 @@ json_t* load_times(const char* path, long repeats) {
 
 int main(int argc, char** argv) {
     if (argc != 4) {
-        die("usage: footprint LIBRARY EMPTY-LIBRARY REPEATS");
+        kit::die("usage: footprint LIBRARY EMPTY-LIBRARY REPEATS");
     }
+    start_measuring();
     const long repeats = positive_number(argv[3]);
     text.fill('x');
     worker_idle();
     json_t* const result = json_object();
     const Exchange exchange;
-    LeanHost host;
+    kit::LeanHost host;
     // The host itself and the libraries that it has anyway are in use before.
     json_decref(json_loads(exchange.payload.c_str(), 0, nullptr));
     std::free(json_dumps(json_object_get(figures(), "threads"), JSON_ENCODE_ANY));
-    const std::size_t threads_before = thread_ids().size();
+    const std::size_t threads_before = kit::names_in("/proc/self/task").size();
     json_object_set_new(result, "before", figures());
 
-    void* const library = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-    void* const entry = library != nullptr ? dlsym(library, "get_handler_api") : nullptr;
-    if (entry == nullptr) {
-        die(dlerror());
-    }
+    std::optional<kit::HandlerLibrary> library(argv[1]);
     json_object_set_new(result, "loaded", figures());
-    CvHandlerAPI& handler = *reinterpret_cast<CvHandlerAPI* (*)()>(entry)();
-    host.init(handler);
+    CvHandlerAPI& handler = library->handler();
+    init(host, handler);
     json_object_set_new(result, "ready", figures());
-    host.register_box(handler, exchange);
+    register_box(host, handler, exchange);
     json_object_set_new(result, "registered", figures());
     handler.uninit();
-    dlclose(library);
-    // The worker, although joined, may stay in the list of threads for a moment longer.
-    const std::int64_t deadline = nanoseconds() + 10'000'000'000;
-    while (thread_ids().size() > threads_before && nanoseconds() < deadline) {
-        std::this_thread::yield();
-    }
+    library.reset();
+    kit::threads(threads_before);
     json_object_set_new(result, "unloaded", figures());
 
     json_t* const times = json_array();

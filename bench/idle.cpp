@@ -8,9 +8,15 @@
 #include <chrono>
 #include <fstream>
 #include <iterator>
+#include <set>
+#include <string>
 #include <thread>
+#include <vector>
 
-#include "lean_host.h"
+
+#include "figures.h"
+#include "process.h"
+#include "scenarios.h"
 
 namespace {
 
@@ -21,16 +27,16 @@ struct Activity {
     long nanoseconds;
 };
 
-Activity activity_of(int thread) {
-    const std::string directory = "/proc/self/task/" + std::to_string(thread);
+Activity activity_of(const std::string& thread) {
+    const std::string directory = "/proc/self/task/" + thread;
     return {number_in(directory + "/status", "\nvoluntary_ctxt_switches:"),
             number_in(directory + "/status", "nonvoluntary_ctxt_switches:"),
             number_in(directory + "/schedstat", "")};
 }
 
 // The worker has said that it is about to wait; the kernel tells when it does.
-void await_sleep(int thread) {
-    const std::string file = "/proc/self/task/" + std::to_string(thread) + "/status";
+void await_sleep(const std::string& thread) {
+    const std::string file = "/proc/self/task/" + thread + "/status";
     for (;;) {
         std::ifstream stream(file);
         const std::string text((std::istreambuf_iterator<char>(stream)), std::istreambuf_iterator<char>());
@@ -46,36 +52,34 @@ void await_sleep(int thread) {
 int main(int argc, char** argv) {
     const std::string phase = argc == 4 ? argv[2] : "";
     if (phase != "before" && phase != "waiting" && phase != "after") {
-        die("usage: idle LIBRARY before|waiting|after SECONDS");
+        kit::die("usage: idle LIBRARY before|waiting|after SECONDS");
     }
+    start_measuring();
     const std::chrono::seconds window(positive_number(argv[3]));
     CvHandlerAPI& handler = load_handler(argv[1]);
-    LeanHost host;
+    kit::LeanHost host;
     const Exchange exchange;
-    const std::set<int> before = thread_ids();
-    host.init(handler);
-    const std::set<int> after = thread_ids();
-    std::vector<int> workers;
+    const std::set<std::string> before = kit::names_in("/proc/self/task");
+    init(host, handler);
+    const std::set<std::string> after = kit::names_in("/proc/self/task");
+    std::vector<std::string> workers;
     std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
                         std::back_inserter(workers));
     if (workers.size() != 1) {
-        die("the module should have one thread, not " + std::to_string(workers.size()));
+        kit::die("the module should have one thread, not " + std::to_string(workers.size()));
     }
     if (phase == "waiting") {
         host.command(handler, "start_cloud_registration", exchange.payload);
         worker_idle().wait();
     } else if (phase == "after") {
-        host.register_box(handler, exchange);
+        register_box(host, handler, exchange);
     }
     await_sleep(workers[0]);
     const Activity begin = activity_of(workers[0]);
     std::this_thread::sleep_for(window);
     const Activity end = activity_of(workers[0]);
     if (phase == "waiting") {
-        host.answer(exchange.login_answer);
-        worker_idle().wait();
-        host.answer(exchange.box_answer);
-        worker_idle().wait();
+        answer_requests(host, exchange);
     }
     handler.uninit();
     print_result(json_pack("{s:s, s:I, s:I, s:I, s:I}", "phase", phase.c_str(), "seconds",

@@ -9,9 +9,10 @@
 #include <utility>
 
 #include "cvutils/log.h"
+#include "figures.h"
+#include "scenarios.h"
 #include "stand_ins.h"
 
-#include "lean_host.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ constexpr std::array kSteps = {"start", "login", "box"};
 struct Contender {
     const char* name;
     CvHandlerAPI* handler;
-    std::unique_ptr<LeanHost> host;
+    std::unique_ptr<kit::LeanHost> host;
     std::array<json_t*, 3> samples;
 };
 
@@ -33,9 +34,9 @@ void await_sleeping_worker() {
 }
 
 void register_box(Contender& contender, const Exchange& exchange) {
-    LeanHost& host = *contender.host;
+    kit::LeanHost& host = *contender.host;
     const auto timed = [&](std::size_t step, const auto& action) {
-        const std::int64_t begin = nanoseconds();
+        const std::int64_t begin = kit::nanoseconds();
         action();
         await_sleeping_worker();
         json_array_append_new(contender.samples[step], json_integer(host.arrival - begin));
@@ -43,33 +44,34 @@ void register_box(Contender& contender, const Exchange& exchange) {
     timed(0, [&] { host.command(*contender.handler, "start_cloud_registration", exchange.payload); });
     timed(1, [&] { host.answer(exchange.login_answer); });
     timed(2, [&] { host.answer(exchange.box_answer); });
-    host.expect_replies(1);
+    expect_replies(host, 1);
 }
 
 } // namespace
 
 int main(int argc, char** argv) {
     if (argc != 4 && argc != 5) {
-        die("usage: latency LIBRARY REPEATS REGISTRATIONS [LOG-LEVEL]");
+        kit::die("usage: latency LIBRARY REPEATS REGISTRATIONS [LOG-LEVEL]");
     }
+    start_measuring();
     const long repeats = positive_number(argv[2]);
     const long registrations = positive_number(argv[3]);
     stay_on_one_processor();
     const std::unique_ptr<StandIn> floor = make_floor();
     const std::unique_ptr<StandIn> building_floor = make_building_floor();
     std::array contenders = {
-        Contender{"module", &load_handler(argv[1]), std::make_unique<LeanHost>(), {}},
-        Contender{"floor", floor.get(), std::make_unique<LeanHost>(), {}},
-        Contender{"building floor", building_floor.get(), std::make_unique<LeanHost>(), {}},
+        Contender{"module", &load_handler(argv[1]), std::make_unique<kit::LeanHost>(), {}},
+        Contender{"floor", floor.get(), std::make_unique<kit::LeanHost>(), {}},
+        Contender{"building floor", building_floor.get(), std::make_unique<kit::LeanHost>(), {}},
     };
     if (argc == 5) {
         cv::log::current_level = static_cast<int>(positive_number(argv[4]));
     }
     const Exchange exchange;
     for (Contender& contender : contenders) {
-        contender.host->init(*contender.handler);
+        init(*contender.host, *contender.handler);
         for (int warm_up = 0; warm_up < 100; ++warm_up) {
-            contender.host->register_box(*contender.handler, exchange);
+            register_box(*contender.host, *contender.handler, exchange);
         }
     }
     json_t* const result = json_array();

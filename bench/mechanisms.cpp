@@ -11,7 +11,9 @@
 #include <thread>
 #include <vector>
 
-#include "lean_host.h"
+#include "figures.h"
+#include "process.h"
+#include "scenarios.h"
 #include "stand_ins.h"
 
 namespace {
@@ -21,7 +23,7 @@ struct Mechanism {
     CvHandlerAPI* handler;
 };
 
-LeanHost host;
+kit::LeanHost host;
 
 // The time between commands and answers, as a network might take it.
 void pass_time(std::mt19937& random) {
@@ -33,36 +35,36 @@ void measure_latency(const Mechanism& mechanism, long registrations, std::mt1993
     const Exchange exchange;
     const auto timed = [&](const auto& action) {
         pass_time(random);
-        const std::int64_t begin = nanoseconds();
+        const std::int64_t begin = kit::nanoseconds();
         action();
         worker_idle().wait();
         json_array_append_new(samples, json_integer(host.arrival - begin));
     };
-    host.init(*mechanism.handler);
+    init(host, *mechanism.handler);
     for (long done = 0; done < registrations; ++done) {
         timed([&] { host.command(*mechanism.handler, "start_cloud_registration", exchange.payload); });
         timed([&] { host.answer(exchange.login_answer); });
         timed([&] { host.answer(exchange.box_answer); });
-        host.expect_replies(1);
+        expect_replies(host, 1);
     }
     mechanism.handler->uninit();
 }
 
 json_t* measure_idle(const std::vector<Mechanism>& mechanisms, std::chrono::seconds window) {
-    std::vector<std::vector<int>> threads;
+    std::vector<std::vector<std::string>> threads;
     for (const Mechanism& mechanism : mechanisms) {
-        const std::set<int> before = thread_ids();
-        host.init(*mechanism.handler);
-        const std::set<int> after = thread_ids();
+        const std::set<std::string> before = kit::names_in("/proc/self/task");
+        init(host, *mechanism.handler);
+        const std::set<std::string> after = kit::names_in("/proc/self/task");
         std::set_difference(after.begin(), after.end(), before.begin(), before.end(),
                             std::back_inserter(threads.emplace_back()));
     }
     const auto switches = [&] {
         std::vector<long> found;
-        for (const std::vector<int>& of_mechanism : threads) {
+        for (const std::vector<std::string>& of_mechanism : threads) {
             long sum = 0;
-            for (const int thread : of_mechanism) {
-                sum += number_in("/proc/self/task/" + std::to_string(thread) + "/status",
+            for (const std::string& thread : of_mechanism) {
+                sum += number_in("/proc/self/task/" + thread + "/status",
                                  "\nvoluntary_ctxt_switches:");
             }
             found.push_back(sum);
@@ -88,8 +90,9 @@ json_t* measure_idle(const std::vector<Mechanism>& mechanisms, std::chrono::seco
 
 int main(int argc, char** argv) {
     if (argc != 5) {
-        die("usage: mechanisms LIBRARY REPEATS REGISTRATIONS SECONDS");
+        kit::die("usage: mechanisms LIBRARY REPEATS REGISTRATIONS SECONDS");
     }
+    start_measuring();
     const long repeats = positive_number(argv[2]);
     const long registrations = positive_number(argv[3]);
     const std::chrono::seconds window(positive_number(argv[4]));

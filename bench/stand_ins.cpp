@@ -1,3 +1,4 @@
+#include "scenarios.h"
 #include "stand_ins.h"
 
 #include <fcntl.h>
@@ -18,7 +19,6 @@
 #include <mutex>
 
 #include "cvutils/json.h"
-#include "lean_host.h"
 
 int StandIn::init(CvCloudAPI* api, std::vector<std::string>& /*commands*/) {
     cloud = api;
@@ -201,7 +201,7 @@ class BuildingFloor : public StandIn {
 public:
     BuildingFloor() {
         if (pipe2(run_pipe, O_NONBLOCK) != 0 || pipe2(stop_pipe, O_NONBLOCK) != 0) {
-            die("there is no pipe for the floor");
+            kit::die("there is no pipe for the floor");
         }
     }
     ~BuildingFloor() override {
@@ -216,7 +216,7 @@ private:
     void wake() override {
         pollfd writable = {run_pipe[1], POLLOUT, 0};
         if (poll(&writable, 1, 0) < 1 || write(run_pipe[1], "x", 1) != 1) {
-            die("the floor's pipe is full");
+            kit::die("the floor's pipe is full");
         }
     }
 
@@ -228,7 +228,7 @@ private:
         char byte = 0;
         if (select(std::max(run_pipe[0], stop_pipe[0]) + 1, &readable, nullptr, nullptr, nullptr) != 1 ||
             read(run_pipe[0], &byte, 1) != 1) {
-            die("the floor's pipe is not readable");
+            kit::die("the floor's pipe is not readable");
         }
     }
 

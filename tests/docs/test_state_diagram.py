@@ -1,4 +1,4 @@
-"""The diagram of states in docs/architecture.md has the transitions of tests/model/transitions.def, all of them and no
+"""The diagram of states in docs/architecture.md has the transitions of testing/model/transitions.def, all of them and no
 other. That table in turn is held against the transitions that the module takes, by state_transitions_test.cpp."""
 
 import re
@@ -8,7 +8,7 @@ import pytest
 
 ROOT = Path(__file__).parents[2]
 PAGE = ROOT / "docs" / "architecture.md"
-TABLE = ROOT / "tests" / "model" / "transitions.def"
+TABLE = ROOT / "testing" / "model" / "transitions.def"
 
 START = "[*]"
 

@@ -20,9 +20,9 @@
 
 #include <gtest/gtest.h>
 
-#include "await.h"
-#include "handler_library.h"
-#include "journal.h"
+#include "library_test.h"
+
+using namespace kit;
 
 namespace {
 
@@ -46,18 +46,11 @@ void on_signal(int /*signal*/) {
 
 class HazardTest : public LibraryTest {
 protected:
-    void RegisterBox(unsigned long long request_id) {
-        start_registration(kStart, kWithReply, request_id);
-        Answer("connect/login", kUserToken);
-        Answer("connect/box_mgmt", kDeviceId);
-        AwaitEndOfRun("reply " + std::to_string(request_id) + " " + kDone);
-    }
-
     /// Starts the handler and returns the worker's thread.
     pid_t StartAndFindWorker() {
         const std::set<std::string> before = names_in("/proc/self/task");
         Start();
-        fake_host::Await("select");
+        Await("select");
         for (const std::string& name : names_in("/proc/self/task")) {
             if (before.count(name) == 0) {
                 return static_cast<pid_t>(std::stol(name));
@@ -90,13 +83,13 @@ TEST_F(HazardTest, WorkerOutlivesASignalStorm) {
     for (unsigned long long request_id = 1; request_id <= 20; ++request_id) {
         RegisterBox(request_id);
     }
-    fake_host::Await("log 3 thread_function: system() was interrupted. Continuing...", 100);
+    Await("log 3 thread_function: system() was interrupted. Continuing...", 100);
     raging = false;
     storm.join();
     // And the next one in the calm.
     RegisterBox(21);
     for (unsigned long long request_id = 1; request_id <= 21; ++request_id) {
-        EXPECT_EQ(fake_host::journal().count("reply " + std::to_string(request_id) + " " + kDone), 1U);
+        EXPECT_EQ(journal().count("reply " + std::to_string(request_id) + " " + text::kDone), 1U);
     }
     library->handler().uninit();
     sigaction(SIGUSR1, &before, nullptr);
@@ -126,20 +119,20 @@ TEST_F(HazardTest, ForkedChildLeavesTheParentAlone) {
     EXPECT_EQ(inherited, 4);
 
     fork_and_wait();
-    start_registration(kStart, kWithReply, 1);
-    fake_host::Await("send_request connect/login");
+    start_registration(text::kStart, kWithReply, 1);
+    Await("send_request connect/login");
     fork_and_wait();
-    Answer("connect/login", kUserToken);
-    fake_host::Await("send_request connect/box_mgmt");
+    Answer("connect/login", text::kUserToken);
+    Await("send_request connect/box_mgmt");
     fork_and_wait();
-    Answer("connect/box_mgmt", kDeviceId);
-    AwaitEndOfRun("reply 1 " + kDone);
+    Answer("connect/box_mgmt", text::kDeviceId);
+    AwaitEndOfRun("reply 1 " + text::kDone);
 }
 
 TEST_F(HazardTest, UnloadWithARequestOutstanding) {
     Start();
-    start_registration(kStart, kWithReply, 1);
-    fake_host::Await("send_request connect/login");
+    start_registration(text::kStart, kWithReply, 1);
+    Await("send_request connect/login");
     library->handler().uninit();
     library.reset();
     EXPECT_FALSE(HandlerLibrary::in_memory());
@@ -165,12 +158,12 @@ TEST_F(HazardTest, MacAddressInUpperCaseInEveryLocale) {
         start_registration(
             R"({"token": "T", "token_type": "partner", "register_mac_address": "ab:cd:ef:09:Ab:F0"})",
             kWithReply, ++request_id);
-        Answer("connect/login", kUserToken);
-        Answer("connect/box_mgmt", kDeviceId);
-        AwaitEndOfRun("reply " + std::to_string(request_id) + " " + kDone);
+        Answer("connect/login", text::kUserToken);
+        Answer("connect/box_mgmt", text::kDeviceId);
+        AwaitEndOfRun("reply " + std::to_string(request_id) + " " + text::kDone);
         std::setlocale(LC_ALL, "C");
         EXPECT_EQ(
-            fake_host::journal().count(
+            journal().count(
                 R"(build_request register_box {"macs": ["AB:CD:EF:09:AB:F0"], "box_detected_name": "Corvane Orlo", )"
                 R"("setup_type": "STANDALONE", "device_model": "orlov2"} fields=yes user_token=U device_id=thebox)"),
             request_id);

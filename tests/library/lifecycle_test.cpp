@@ -1,12 +1,10 @@
 // The library from its load to its unload: init(), uninit(), and what they leave in the process.
 
 #include <fcntl.h>
-#include <sched.h>
 #include <sys/resource.h>
 #include <sys/select.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -17,11 +15,9 @@
 
 #include <gtest/gtest.h>
 
-#include "await.h"
-#include "fake_cvutils.h"
-#include "handler_library.h"
-#include "journal.h"
-#include "system_calls.h"
+#include "library_test.h"
+
+using namespace kit;
 
 namespace {
 
@@ -48,28 +44,12 @@ Mappings mappings() {
     return found;
 }
 
-std::set<std::string> threads() {
-    return names_in("/proc/self/task");
-}
-
-// A thread that was joined may stay in /proc for a moment longer; nothing tells when it has left.
-void ExpectThreads(const std::set<std::string>& expected) {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (threads() != expected && std::chrono::steady_clock::now() < deadline) {
-        sched_yield();
-    }
-    EXPECT_EQ(threads(), expected);
-}
-
 // The threads of a process that has had one more than the main thread: from the first on, the thread
 // sanitizer keeps one of its own.
 std::set<std::string> threads_after_the_first() {
     std::string first;
     std::thread([&first] { first = std::to_string(gettid()); }).join();
-    while (threads().count(first) != 0) {
-        sched_yield();
-    }
-    return threads();
+    return threads(names_in("/proc/self/task").size() - names_in("/proc/self/task").count(first));
 }
 
 // A pipe that was never opened counts descriptor 0 as its write end. Takes the descriptor again.
@@ -111,14 +91,6 @@ protected:
     void ExpectInitFails(CvCloudAPI* api) {
         EXPECT_EQ(library->handler().init(api, commands), 0);
         EXPECT_EQ(library->object<void*>("g_registration_handler"), nullptr);
-    }
-
-    // A registration from the start command to the reply.
-    void RegisterBox(unsigned long long request_id) {
-        cloud.answer_inside_next_send({kUserToken});
-        cloud.answer_inside_next_send({kDeviceId});
-        start_registration(kStart, kWithReply, request_id);
-        AwaitEndOfRun("reply " + std::to_string(request_id) + " " + kDone);
     }
 };
 
@@ -172,30 +144,30 @@ TEST_F(LifecycleTest, UninitKeepsTheCloudAccessObjectAndMayBeCalledAgain) {
     library->handler().uninit();
     EXPECT_EQ(library->object<void*>("g_registration_handler"), nullptr);
     EXPECT_EQ(library->object<CvCloudAPI*>("g_cvcloud_api"), &cloud);
-    const std::vector<std::string> events = fake_host::journal().events();
+    const std::vector<std::string> events = journal().events();
     library->handler().uninit();
-    EXPECT_EQ(fake_host::journal().events(), events);
+    EXPECT_EQ(journal().events(), events);
 }
 
 TEST_F(LifecycleTest, InitWithoutCloudAccessObjectFailsBeforeAnythingElse) {
     Start();
     library->handler().uninit();
     commands.clear();
-    fake_host::journal().clear();
+    journal().clear();
 
     ExpectInitFails(nullptr);
     EXPECT_EQ(library->object<CvCloudAPI*>("g_cvcloud_api"), nullptr);
     EXPECT_TRUE(commands.empty());
-    EXPECT_EQ(fake_host::journal().events(),
+    EXPECT_EQ(journal().events(),
               std::vector<std::string>{"log 0 init: There was an error while cloning cvcloud_api"});
 }
 
 TEST_F(LifecycleTest, InitWithoutMemoryFailsBeforeTheCommandsAreListed) {
-    fail_next_allocation();
+    calls::fail_next(Call::new_nothrow);
     ExpectInitFails(&cloud);
     EXPECT_TRUE(commands.empty());
     EXPECT_EQ(
-        fake_host::journal().events(),
+        journal().events(),
         std::vector<std::string>{"log 0 init: There was an error while creating a RegistrationHandler obj"});
     // The next one succeeds.
     Start();
@@ -204,25 +176,25 @@ TEST_F(LifecycleTest, InitWithoutMemoryFailsBeforeTheCommandsAreListed) {
 
 TEST_F(LifecycleTest, ShutDownAbandonsNothingThatRuns) {
     Start();
-    start_registration(kStart, kWithReply, 7);
-    fake_host::Await("send_request connect/login");
+    start_registration(text::kStart, kWithReply, 7);
+    Await("send_request connect/login");
     // The request is answered and the next one is out: the daemon may shut down while the worker waits.
-    ASSERT_TRUE(cloud.answer_from_own_thread({kUserToken}));
+    ASSERT_TRUE(cloud.answer_from_own_thread({text::kUserToken}));
     AwaitEndOfRun("send_request connect/box_mgmt");
     library->handler().uninit();
-    EXPECT_EQ(fake_host::journal().count("log 2 thread_function: stopping registration thread..."), 1U);
-    EXPECT_TRUE(fake_host::journal().events({"reply"}).empty());
+    EXPECT_EQ(journal().count("log 2 thread_function: stopping registration thread..."), 1U);
+    EXPECT_TRUE(journal().events({"reply"}).empty());
 }
 
 // ---- Memory that was dirty before
 
 TEST_F(LifecycleTest, FailedInitInDirtyMemoryJoinsNoWorker) {
     const std::set<std::string> before = open_descriptors();
-    fail_next_pipe();
+    calls::fail_next(Call::pipe2, -1, EMFILE);
     ExpectInitFails(&cloud); // A worker that never started would end the process when it is joined.
 
     EXPECT_EQ(commands, (std::vector<std::string>{"start_cloud_registration", "retry_cloud_registration"}));
-    EXPECT_EQ(fake_host::journal().events({"log 0", "log 2"}),
+    EXPECT_EQ(journal().events({"log 0", "log 2"}),
               std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
     ExpectDescriptorZeroClosed();
     library->handler().uninit();
@@ -237,7 +209,7 @@ TEST_F(LifecycleTest, RequestIdIsZeroInDirtyMemory) {
     constexpr unsigned long long kRequestId = 0x1122334455667788;
     Start();
     const unsigned char* object = library->object<const unsigned char*>("g_registration_handler");
-    ASSERT_EQ(object, last_allocation());
+    ASSERT_EQ(object, calls::last_block());
     retry_registration(kWithoutReply, kRequestId);
     std::size_t offset = 0;
     while (std::memcmp(object + offset, &kRequestId, sizeof kRequestId) != 0) {
@@ -253,12 +225,12 @@ TEST_F(LifecycleTest, RequestIdIsZeroInDirtyMemory) {
 }
 
 TEST_F(LifecycleTest, HandlerInDirtyMemoryIsIdleAndOwesNoReply) {
-    fake_host::set_setting("/daemons/cvcloudd/registration/retry_num", 0);
+    set_setting("/daemons/cvcloudd/registration/retry_num", 0);
     cloud.answer_inside_next_send({"{}"});
     Start();
-    start_registration(kStart, kWithoutReply, 7); // Would be refused as busy, or answered at its end.
+    start_registration(text::kStart, kWithoutReply, 7); // Would be refused as busy, or answered at its end.
     AwaitEndOfRun("log 1 do_work: No more tries left. connect failed");
-    EXPECT_TRUE(fake_host::journal().events({"reply"}).empty());
+    EXPECT_TRUE(journal().events({"reply"}).empty());
 }
 
 // ---- Descriptors that select() cannot watch
@@ -270,7 +242,7 @@ TEST_F(LifecycleTest, DescriptorsBeyondTheReachOfSelectFailInit) {
     EXPECT_EQ(before.count("0"), 1U);
     ExpectInitFails(&cloud);
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(fake_host::journal().events({"log 0"}),
+    EXPECT_EQ(journal().events({"log 0"}),
               std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
 }
 
@@ -279,7 +251,7 @@ TEST_F(LifecycleTest, RunPipeBeyondTheReachOfSelectFailsInit) {
     const std::set<std::string> before = open_descriptors();
     ExpectInitFails(&cloud);
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(fake_host::journal().events({"log 0"}),
+    EXPECT_EQ(journal().events({"log 0"}),
               std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
 }
 
@@ -294,45 +266,44 @@ TEST_F(LifecycleTest, LastDescriptorsWithinTheReachOfSelectServe) {
 
 TEST(SecondHandlerTest, LibraryKeepsToItsOwnObjectsBehindAnotherInTheGlobalScope) {
     const std::string path = testing::TempDir() + "other_handler.so";
-    std::filesystem::copy_file(HandlerLibrary::built, path,
+    std::filesystem::copy_file(HandlerLibrary::tested(), path,
                                std::filesystem::copy_options::overwrite_existing);
-    const HandlerLibrary other(path, RTLD_GLOBAL);
+    const HandlerLibrary other(path.c_str(), RTLD_GLOBAL);
     std::filesystem::remove(path);
-    const HandlerLibrary library(HandlerLibrary::built, RTLD_GLOBAL);
+    const HandlerLibrary library(HandlerLibrary::tested(), RTLD_GLOBAL);
     EXPECT_EQ(library.symbol("g_handler_api"), static_cast<void*>(&library.handler()));
     ASSERT_NE(&library.handler(), &other.handler());
 
-    fake_host::reset_cvutils();
-    fake_host::journal().clear();
-    fake_host::FakeCloudApi cloud;
+    reset_host();
+    ScriptedHost cloud;
     std::vector<std::string> commands;
     ASSERT_NE(library.handler().init(&cloud, commands), 0);
     EXPECT_EQ(library.object<void*>("g_cvcloud_api"), static_cast<CvCloudAPI*>(&cloud));
     EXPECT_NE(library.object<void*>("g_registration_handler"), nullptr);
     EXPECT_EQ(other.object<void*>("g_cvcloud_api"), nullptr);
     EXPECT_EQ(other.object<void*>("g_registration_handler"), nullptr);
-    cloud.answer_inside_next_send({kUserToken});
-    cloud.answer_inside_next_send({kDeviceId});
-    send_command(library.handler(), "start_cloud_registration", kStart, kWithReply, 7);
-    AwaitEndOfRun("reply 7 " + kDone);
+    cloud.answer_inside_next_send({text::kUserToken});
+    cloud.answer_inside_next_send({text::kDeviceId});
+    send_command(library.handler(), "start_cloud_registration", text::kStart, kWithReply, 7);
+    AwaitEndOfRun("reply 7 " + text::kDone);
     library.handler().uninit();
 }
 
 // ---- What is left in the process
 
 TEST(ReloadTest, LibraryLeavesNothingBehindHoweverOftenItIsLoaded) {
-    fake_host::reset_cvutils();
-    fake_host::FakeCloudApi cloud;
+    reset_host();
+    ScriptedHost cloud;
     const auto load_register_and_unload = [&cloud] {
-        fake_host::journal().clear();
+        journal().clear();
         std::vector<std::string> commands;
         {
             const HandlerLibrary library;
             ASSERT_NE(library.handler().init(&cloud, commands), 0);
-            cloud.answer_inside_next_send({kUserToken});
-            cloud.answer_inside_next_send({kDeviceId});
-            send_command(library.handler(), "start_cloud_registration", kStart, kWithReply, 7);
-            AwaitEndOfRun("reply 7 " + kDone);
+            cloud.answer_inside_next_send({text::kUserToken});
+            cloud.answer_inside_next_send({text::kDeviceId});
+            send_command(library.handler(), "start_cloud_registration", text::kStart, kWithReply, 7);
+            AwaitEndOfRun("reply 7 " + text::kDone);
             library.handler().uninit();
         }
         ASSERT_FALSE(HandlerLibrary::in_memory());
@@ -350,5 +321,5 @@ TEST(ReloadTest, LibraryLeavesNothingBehindHoweverOftenItIsLoaded) {
     // The allocator takes and gives back memory as it likes, and so do the sanitizers, but not a piece for
     // each round.
     EXPECT_LT(mappings().other, mappings_before.other + kRounds / 2);
-    ExpectThreads(threads_before);
+    EXPECT_EQ(threads(threads_before.size()), threads_before);
 }

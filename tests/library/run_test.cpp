@@ -6,13 +6,9 @@
 
 #include <gtest/gtest.h>
 
-#include "await.h"
-#include "fake_cvutils.h"
-#include "handler_library.h"
-#include "journal.h"
-#include "system_calls.h"
+#include "library_test.h"
 
-using fake_host::Await;
+using namespace kit;
 
 namespace {
 
@@ -32,11 +28,7 @@ const std::string kRegisterBox =
     R"("setup_type": "STANDALONE", "device_model": "orlov2"} fields=yes user_token=U device_id=thebox)";
 const std::string kSendLogin = "send_request connect/login";
 const std::string kSendRegisterBox = "send_request connect/box_mgmt";
-const std::string kPublish = "publish cloud_registration_done " + kDone;
-
-std::string error_text(const std::string& result, const std::string& reason) {
-    return R"({"result": ")" + result + R"(", "reason": ")" + reason + R"("})";
-}
+const std::string kPublish = "publish cloud_registration_done " + text::kDone;
 
 std::string refusal_of_the_cloud(const std::string& message) {
     return R"({"error": {"message": ")" + message + R"("}})";
@@ -45,8 +37,8 @@ std::string refusal_of_the_cloud(const std::string& message) {
 class RunTest : public LibraryTest {
 protected:
     void SetSettings(int retry_num, int retry_interval) {
-        fake_host::set_setting("/daemons/cvcloudd/registration/retry_num", retry_num);
-        fake_host::set_setting("/daemons/cvcloudd/registration/retry_interval", retry_interval);
+        set_setting("/daemons/cvcloudd/registration/retry_num", retry_num);
+        set_setting("/daemons/cvcloudd/registration/retry_interval", retry_interval);
     }
 };
 
@@ -55,13 +47,13 @@ protected:
 TEST_F(RunTest, PartnerTokenIsExchangedAndTheBoxRegistered) {
     Start();
     start_registration(kPartnerStart, kWithReply, 0x1122334455667788);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
 
-    const std::string reply = "reply " + std::to_string(0x1122334455667788) + " " + kDone;
+    const std::string reply = "reply " + std::to_string(0x1122334455667788) + " " + text::kDone;
     AwaitEndOfRun(reply);
     ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, reply});
-    EXPECT_EQ(fake_host::journal().count("release_response"), 2U);
+    EXPECT_EQ(journal().count("release_response"), 2U);
     EXPECT_EQ(cloud.user_token, "U");
     EXPECT_EQ(cloud.device_id, "D");
 }
@@ -69,21 +61,21 @@ TEST_F(RunTest, PartnerTokenIsExchangedAndTheBoxRegistered) {
 TEST_F(RunTest, TemporaryTokenIsExchangedAndTheBoxRegisteredUnderItsInterface) {
     Start();
     start_registration(kTemporaryStart, kWithReply, 7);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
 
-    AwaitEndOfRun("reply 7 " + kDone);
+    AwaitEndOfRun("reply 7 " + text::kDone);
     ExpectTraffic(
-        {kGetDeviceToken, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + kDone});
-    EXPECT_EQ(fake_host::journal().count("get_mac_address eth2"), 1U);
+        {kGetDeviceToken, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + text::kDone});
+    EXPECT_EQ(journal().count("get_mac_address eth2"), 1U);
 }
 
 TEST_F(RunTest, ReplyRecordIsZeroButForItsFields) {
     Start();
     start_registration(kPartnerStart, kWithReply, 0x1122334455667788);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply " + std::to_string(0x1122334455667788) + " " + kDone);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply " + std::to_string(0x1122334455667788) + " " + text::kDone);
 
     ASSERT_EQ(cloud.replies().size(), 1U);
     const Message reply = cloud.replies().front().record;
@@ -93,7 +85,7 @@ TEST_F(RunTest, ReplyRecordIsZeroButForItsFields) {
     EXPECT_EQ(std::memcmp(reply.name, expected.name, sizeof expected.name), 0);
     EXPECT_EQ(reply.request_id, 0x1122334455667788U);
     EXPECT_EQ(reply.reserved, 0U);
-    EXPECT_EQ(reply.payload_len, kDone.length());
+    EXPECT_EQ(reply.payload_len, text::kDone.length());
 }
 
 TEST_F(RunTest, RequestsCarryTheRequestId) {
@@ -101,7 +93,7 @@ TEST_F(RunTest, RequestsCarryTheRequestId) {
     start_registration(kPartnerStart, kWithReply, 0x1122334455667788);
     Await(kSendLogin);
     EXPECT_EQ(cloud.outstanding().at(0).request_id, 0x1122334455667788U);
-    Answer(kLogin, kUserToken);
+    Answer(kLogin, text::kUserToken);
     Await(kSendRegisterBox);
     EXPECT_EQ(cloud.outstanding().at(0).request_id, 0x1122334455667788U);
 }
@@ -109,8 +101,8 @@ TEST_F(RunTest, RequestsCarryTheRequestId) {
 TEST_F(RunTest, WithoutAWishForAReplyTheResultIsOnlyPublished) {
     Start();
     start_registration(kPartnerStart, kWithoutReply, 7);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
 
     AwaitEndOfRun(kPublish);
     ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish});
@@ -118,61 +110,61 @@ TEST_F(RunTest, WithoutAWishForAReplyTheResultIsOnlyPublished) {
 
 TEST_F(RunTest, AnswersMayComeBeforeTheSendReturns) {
     Start();
-    cloud.answer_inside_next_send({kUserToken});
-    cloud.answer_inside_next_send({kDeviceId});
+    cloud.answer_inside_next_send({text::kUserToken});
+    cloud.answer_inside_next_send({text::kDeviceId});
     start_registration(kPartnerStart, kWithReply, 7);
 
-    AwaitEndOfRun("reply 7 " + kDone);
-    ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + kDone});
+    AwaitEndOfRun("reply 7 " + text::kDone);
+    ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + text::kDone});
 }
 
 TEST_F(RunTest, OneRegistrationFollowsAnother) {
     Start();
     start_registration(kPartnerStart, kWithReply, 7);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply 7 " + kDone);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply 7 " + text::kDone);
     start_registration(kTemporaryStart, kWithReply, 8);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
 
-    AwaitEndOfRun("reply 8 " + kDone);
-    ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + kDone,
+    AwaitEndOfRun("reply 8 " + text::kDone);
+    ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, "reply 7 " + text::kDone,
                    kGetDeviceToken, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish,
-                   "reply 8 " + kDone});
+                   "reply 8 " + text::kDone});
 }
 
 // ---- Refusals
 
 TEST_F(RunTest, EveryRefusalIsAnsweredAtOnce) {
     Start();
-    fake_host::set_mac_address(std::nullopt);
+    set_mac_address(std::nullopt);
     const struct {
         const char* command;
         const char* payload;
         std::string reply;
     } refusals[] = {
-        {"ping", "", error_text("error_other", "Unexpected message: ping")},
+        {"ping", "", text::error_reply("error_other", "Unexpected message: ping")},
         {"retry_cloud_registration", "not JSON",
-         error_text("error_other", "Retry called, but current state is not FAIL")},
+         text::error_reply("error_other", "Retry called, but current state is not FAIL")},
         {"start_cloud_registration", "",
-         error_text("error_invalid_arguments", "Could not parse input into a JSON")},
+         text::error_reply("error_invalid_arguments", "Could not parse input into a JSON")},
         {"start_cloud_registration", R"({"token": "T")",
-         error_text("error_invalid_arguments", "Could not parse input into a JSON")},
+         text::error_reply("error_invalid_arguments", "Could not parse input into a JSON")},
         {"start_cloud_registration", R"({"token_type": "partner"})",
-         error_text("error_invalid_arguments", "token not found")},
+         text::error_reply("error_invalid_arguments", "token not found")},
         {"start_cloud_registration", R"({"token": 5, "token_type": "partner"})",
-         error_text("error_invalid_arguments", "token not found")},
+         text::error_reply("error_invalid_arguments", "token not found")},
         {"start_cloud_registration", R"({"token": "T"})",
-         error_text("error_invalid_arguments", "token_type not found")},
+         text::error_reply("error_invalid_arguments", "token_type not found")},
         {"start_cloud_registration", R"({"token": "", "token_type": ""})",
-         error_text("error_invalid_arguments", "empty token")},
+         text::error_reply("error_invalid_arguments", "empty token")},
         {"start_cloud_registration", R"({"token": "T", "token_type": ""})",
-         error_text("error_invalid_arguments", "empty token_type")},
+         text::error_reply("error_invalid_arguments", "empty token_type")},
         {"start_cloud_registration", R"({"token": "T", "token_type": "Temporary"})",
-         error_text("error_invalid_arguments", "invalid token_type")},
+         text::error_reply("error_invalid_arguments", "invalid token_type")},
         {"start_cloud_registration", R"({"token": "T", "token_type": "partner"})",
-         error_text("error_internal", "Could not determine MAC address")},
+         text::error_reply("error_internal", "Could not determine MAC address")},
     };
     unsigned long long request_id = 0;
     std::vector<std::string> replies;
@@ -185,20 +177,20 @@ TEST_F(RunTest, EveryRefusalIsAnsweredAtOnce) {
 }
 
 TEST_F(RunTest, CommandsAreRefusedWhileARegistrationRuns) {
-    const std::string busy = error_text("error_in_progress", "Another registration process is in progress");
+    const std::string busy = text::error_reply("error_in_progress", "Another registration process is in progress");
     Start();
     start_registration(kPartnerStart, kWithReply, 7);
     start_registration(kTemporaryStart, kWithReply, 8);
     retry_registration(kWithReply, 9);
     retry_registration(kWithoutReply, 10);
     // The refused commands left no trace in the one that runs.
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply 7 " + kDone);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply 7 " + text::kDone);
 
-    EXPECT_EQ(fake_host::journal().events({"reply"}),
-              (std::vector<std::string>{"reply 8 " + busy, "reply 9 " + busy, "reply 7 " + kDone}));
-    EXPECT_EQ(fake_host::journal().events({"build_request"}),
+    EXPECT_EQ(journal().events({"reply"}),
+              (std::vector<std::string>{"reply 8 " + busy, "reply 9 " + busy, "reply 7 " + text::kDone}));
+    EXPECT_EQ(journal().events({"build_request"}),
               (std::vector<std::string>{kConnect, kRegisterBox}));
 }
 
@@ -206,7 +198,7 @@ TEST_F(RunTest, CommandsAreRefusedWhileARegistrationRuns) {
 
 TEST_F(RunTest, LoginThatTheCloudRefusesIsTriedUntilTheBudgetIsSpentAndThenResumed) {
     SetSettings(2, 5);
-    const std::string failed = "reply 7 " + error_text("error_connect", "third");
+    const std::string failed = "reply 7 " + text::error_reply("error_connect", "third");
     Start();
     start_registration(kPartnerStart, kWithReply, 7);
     Answer(kLogin, refusal_of_the_cloud("first"));
@@ -214,19 +206,19 @@ TEST_F(RunTest, LoginThatTheCloudRefusesIsTriedUntilTheBudgetIsSpentAndThenResum
     Answer(kLogin, refusal_of_the_cloud("third"));
     AwaitEndOfRun(failed);
     retry_registration(kWithReply, 8);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
 
-    AwaitEndOfRun("reply 8 " + kDone);
+    AwaitEndOfRun("reply 8 " + text::kDone);
     ExpectTraffic({kConnect, kSendLogin, "sleep 5", kConnect, kSendLogin, "sleep 5", kConnect, kSendLogin,
                    failed, kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish,
-                   "reply 8 " + kDone});
+                   "reply 8 " + text::kDone});
 }
 
 TEST_F(RunTest, DeviceTokenFailuresCarryTheirOwnResult) {
     SetSettings(0, 5);
     const std::string failed =
-        "reply 7 " + error_text("error_get_device_token", "user_token not found in response");
+        "reply 7 " + text::error_reply("error_get_device_token", "user_token not found in response");
     Start();
     start_registration(kTemporaryStart, kWithReply, 7);
     Answer(kLogin, "{}");
@@ -238,27 +230,27 @@ TEST_F(RunTest, DeviceTokenFailuresCarryTheirOwnResult) {
 
 TEST_F(RunTest, BoxRegistrationThatTheCloudRefusesIsResumedWithTheUserTokenThatIsThere) {
     SetSettings(1, 3);
-    const std::string failed = "reply 7 " + error_text("error_register_box", "second");
+    const std::string failed = "reply 7 " + text::error_reply("error_register_box", "second");
     Start();
     start_registration(kTemporaryStart, kWithReply, 7);
-    Answer(kLogin, kUserToken);
+    Answer(kLogin, text::kUserToken);
     Answer(kBoxManagement, refusal_of_the_cloud("first"));
     Answer(kBoxManagement, refusal_of_the_cloud("second"));
     AwaitEndOfRun(failed);
     EXPECT_EQ(cloud.device_id, "thebox");
     retry_registration(kWithReply, 8);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kBoxManagement, text::kDeviceId);
 
-    AwaitEndOfRun("reply 8 " + kDone);
+    AwaitEndOfRun("reply 8 " + text::kDone);
     ExpectTraffic({kGetDeviceToken, kSendLogin, kRegisterBox, kSendRegisterBox, "sleep 3", kRegisterBox,
-                   kSendRegisterBox, failed, kRegisterBox, kSendRegisterBox, kPublish, "reply 8 " + kDone});
+                   kSendRegisterBox, failed, kRegisterBox, kSendRegisterBox, kPublish, "reply 8 " + text::kDone});
 }
 
 TEST_F(RunTest, RequestsThatCannotBeSentSpendTheSameBudget) {
     SetSettings(2, 1);
-    const std::string failed = "reply 7 " + error_text("error_cvnc", "cvnc_ask error");
+    const std::string failed = "reply 7 " + text::error_reply("error_cvnc", "cvnc_ask error");
     const std::string failed_again =
-        "reply 8 " + error_text("error_internal", "Failed to build cloud request for connect");
+        "reply 8 " + text::error_reply("error_internal", "Failed to build cloud request for connect");
     Start();
     cloud.refuse_next_send(3);
     start_registration(kPartnerStart, kWithReply, 7);
@@ -273,9 +265,9 @@ TEST_F(RunTest, RequestsThatCannotBeSentSpendTheSameBudget) {
 
 TEST_F(RunTest, RequestWithoutMemoryForItsIdentityIsNotSent) {
     SetSettings(0, 1);
-    const std::string failed = "reply 7 " + error_text("error_internal", "memory alloc error");
+    const std::string failed = "reply 7 " + text::error_reply("error_internal", "memory alloc error");
     Start();
-    fail_next_allocation();
+    calls::fail_next(Call::new_nothrow);
     start_registration(kPartnerStart, kWithReply, 7);
 
     AwaitEndOfRun(failed);
@@ -287,7 +279,7 @@ TEST_F(RunTest, UnusableResponsesFailTheirStep) {
     Start();
     start_registration(kPartnerStart, kWithReply, 7);
     Await(kSendLogin);
-    ASSERT_TRUE(cloud.answer_from_own_thread({kUserToken, 504}));
+    ASSERT_TRUE(cloud.answer_from_own_thread({text::kUserToken, 504}));
     Await(kSendLogin, 2);
     ASSERT_TRUE(cloud.answer_from_own_thread({""}));
     Await(kSendLogin, 3);
@@ -295,48 +287,48 @@ TEST_F(RunTest, UnusableResponsesFailTheirStep) {
     Await(kSendLogin, 4);
     ASSERT_TRUE(cloud.answer_from_own_thread({R"({"result": {"user_token": 42}})"}));
 
-    AwaitEndOfRun("reply 7 " + error_text("error_connect", "invalid user_token in response"));
-    EXPECT_EQ(fake_host::journal().events({"log 0 extract_token"}),
+    AwaitEndOfRun("reply 7 " + text::error_reply("error_connect", "invalid user_token in response"));
+    EXPECT_EQ(journal().events({"log 0 extract_token"}),
               (std::vector<std::string>{
-                  "log 0 extract_token: " + error_text("error_cvnc", "Response status 504"),
-                  "log 0 extract_token: " + error_text("error_cvnc", "Empty response"),
-                  "log 0 extract_token: " + error_text("error_cvnc", "Response is not JSON: <html>"),
-                  "log 0 extract_token: " + error_text("error_connect", "invalid user_token in response")}));
-    EXPECT_EQ(fake_host::journal().count("release_response"), 4U);
+                  "log 0 extract_token: " + text::error_reply("error_cvnc", "Response status 504"),
+                  "log 0 extract_token: " + text::error_reply("error_cvnc", "Empty response"),
+                  "log 0 extract_token: " + text::error_reply("error_cvnc", "Response is not JSON: <html>"),
+                  "log 0 extract_token: " + text::error_reply("error_connect", "invalid user_token in response")}));
+    EXPECT_EQ(journal().count("release_response"), 4U);
 }
 
 TEST_F(RunTest, ResultThatCannotBePublishedIsPublishedByARetryWithoutTheCloud) {
-    const std::string failed = "reply 7 " + error_text("error_internal", "cvex error");
+    const std::string failed = "reply 7 " + text::error_reply("error_internal", "cvex error");
     Start();
     cloud.fail_next_publish();
     start_registration(kPartnerStart, kWithReply, 7);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
     AwaitEndOfRun(failed);
     retry_registration(kWithReply, 8);
 
-    AwaitEndOfRun("reply 8 " + kDone);
+    AwaitEndOfRun("reply 8 " + text::kDone);
     ExpectTraffic({kConnect, kSendLogin, kRegisterBox, kSendRegisterBox, kPublish, failed, kPublish,
-                   "reply 8 " + kDone});
+                   "reply 8 " + text::kDone});
 }
 
 TEST_F(RunTest, WishForAReplySurvivesAFailedRegistration) {
     SetSettings(0, 1);
-    const std::string failed = "reply 7 " + error_text("error_connect", "no");
+    const std::string failed = "reply 7 " + text::error_reply("error_connect", "no");
     Start();
     start_registration(kPartnerStart, kWithReply, 7);
     Answer(kLogin, refusal_of_the_cloud("no"));
     AwaitEndOfRun(failed);
     retry_registration(kWithoutReply, 8);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply 8 " + kDone);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply 8 " + text::kDone);
     // A success ends the wish.
     start_registration(kPartnerStart, kWithoutReply, 9);
     Answer(kLogin, refusal_of_the_cloud("no"));
 
     AwaitEndOfRun("log 1 do_work: No more tries left. connect failed", 2);
-    EXPECT_EQ(fake_host::journal().events({"reply"}), (std::vector<std::string>{failed, "reply 8 " + kDone}));
+    EXPECT_EQ(journal().events({"reply"}), (std::vector<std::string>{failed, "reply 8 " + text::kDone}));
 }
 
 TEST_F(RunTest, NegativeNumberOfRetriesMakesNoTry) {
@@ -360,25 +352,25 @@ TEST_F(RunTest, SettingsAreReadOnceForEachInit) {
         "get_setting /daemons/cvcloudd/registration/device_model orlov2",
     };
     Start();
-    EXPECT_EQ(fake_host::journal().events({"get_setting"}), reads);
+    EXPECT_EQ(journal().events({"get_setting"}), reads);
 
     // A change counts from the next init().
-    fake_host::set_setting("/daemons/cvcloudd/registration/box_name", "");
+    set_setting("/daemons/cvcloudd/registration/box_name", "");
     start_registration(kPartnerStart, kWithReply, 7);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply 7 " + kDone);
-    EXPECT_EQ(fake_host::journal().count(kRegisterBox), 1U);
-    EXPECT_EQ(fake_host::journal().events({"get_setting"}), reads);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply 7 " + text::kDone);
+    EXPECT_EQ(journal().count(kRegisterBox), 1U);
+    EXPECT_EQ(journal().events({"get_setting"}), reads);
 
     library->handler().uninit();
     Start();
     start_registration(kPartnerStart, kWithReply, 8);
-    Answer(kLogin, kUserToken);
-    Answer(kBoxManagement, kDeviceId);
-    AwaitEndOfRun("reply 8 " + kDone);
+    Answer(kLogin, text::kUserToken);
+    Answer(kBoxManagement, text::kDeviceId);
+    AwaitEndOfRun("reply 8 " + text::kDone);
     EXPECT_EQ(
-        fake_host::journal().events({"build_request register_box"}).back(),
+        journal().events({"build_request register_box"}).back(),
         R"(build_request register_box {"macs": ["0A:1B:2C:3D:4E:5F"], "box_detected_name": "", )"
         R"("setup_type": "STANDALONE", "device_model": "orlov2"} fields=yes user_token=U device_id=thebox)");
 }
@@ -386,13 +378,13 @@ TEST_F(RunTest, SettingsAreReadOnceForEachInit) {
 TEST_F(RunTest, LogLinesNameTheirSource) {
     Start();
     start_registration("", kWithReply, 7);
-    const fake_host::LogLine line = fake_host::log_lines().back();
+    const LogLine line = log_lines().back();
     EXPECT_EQ(line.destination, 0);
     EXPECT_EQ(line.level, 1);
     EXPECT_EQ(line.file, "cvcloudregisterhandler.cpp");
     EXPECT_GT(line.line, 0);
     EXPECT_EQ(line.function, "handle");
     EXPECT_EQ(line.message, "Could not handle request. Sending response: \"" +
-                                error_text("error_invalid_arguments", "Could not parse input into a JSON") +
+                                text::error_reply("error_invalid_arguments", "Could not parse input into a JSON") +
                                 "\"");
 }

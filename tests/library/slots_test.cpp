@@ -15,10 +15,9 @@
 #include <gtest/gtest.h>
 #include <jansson.h>
 
-#include "await.h"
-#include "fake_cvutils.h"
-#include "handler_library.h"
-#include "journal.h"
+#include "library_test.h"
+
+using namespace kit;
 
 namespace {
 
@@ -113,30 +112,30 @@ int send_request(RawCloud* self, const char* request, const char* service, Callb
                  void* user_data) {
     self->callback = callback;
     self->user_data = user_data;
-    fake_host::journal().record(std::string("slot 0 ") + service + " " + request);
+    journal().record(std::string("slot 0 ") + service + " " + request);
     return 0;
 }
 
 void release_response(RawCloud* self, void* response) {
     self->released = response;
-    fake_host::journal().record("slot 1");
+    journal().record("slot 1");
 }
 
 char* build_request(RawCloud* /*self*/, const char* method, const char* params, unsigned int length,
                     bool fields) {
-    fake_host::journal().record(std::string("slot 2 ") + method + " " + std::string(params, length) +
+    journal().record(std::string("slot 2 ") + method + " " + std::string(params, length) +
                                 (fields ? " with fields" : ""));
     return strdup("built");
 }
 
 int publish_message(RawCloud* /*self*/, const char* name, const void* data, unsigned int length) {
-    fake_host::journal().record(std::string("slot 3 ") + name + " " +
+    journal().record(std::string("slot 3 ") + name + " " +
                                 std::string(static_cast<const char*>(data), length));
     return 0;
 }
 
 int daemon_operation(RawCloud* /*self*/) {
-    fake_host::journal().record("slot 4");
+    journal().record("slot 4");
     return 0;
 }
 
@@ -144,7 +143,7 @@ int send_response(RawCloud* self, const void* reply) {
     std::memcpy(self->reply.bytes, reply, sizeof self->reply.bytes);
     self->reply_payload.assign(self->reply.get<const char*>(MessageBytes::kPayload),
                                self->reply.get<std::uint32_t>(MessageBytes::kPayloadLength));
-    fake_host::journal().record("slot 5");
+    journal().record("slot 5");
     return 0;
 }
 
@@ -153,8 +152,7 @@ int send_response(RawCloud* self, const void* reply) {
 class SlotsTest : public ::testing::Test {
 protected:
     SlotsTest() {
-        fake_host::reset_cvutils();
-        fake_host::journal().clear();
+        reset_host();
         object = library.symbol("g_handler_api");
         std::memcpy(&table, object, sizeof table);
     }
@@ -194,7 +192,7 @@ TEST_F(SlotsTest, InheritedOperationsLeaveTheirArgumentAlone) {
     EXPECT_EQ(command->refcount, 1U);
     EXPECT_EQ(json_object_size(command), 1U);
     json_decref(command);
-    EXPECT_TRUE(fake_host::journal().events().empty());
+    EXPECT_TRUE(journal().events().empty());
 }
 
 TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
@@ -216,7 +214,7 @@ TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
     EXPECT_EQ(cloud.user_token, "T");
     EXPECT_EQ(cloud.device_id, "thebox");
 
-    fake_host::Await("slot 0 connect/login built");
+    Await("slot 0 connect/login built");
     std::uint64_t block = 0;
     std::memcpy(&block, cloud.user_data, sizeof block);
     EXPECT_EQ(block, kRequestId);
@@ -225,7 +223,7 @@ TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
     cloud.callback(reinterpret_cast<cvtessel_response*>(&login), cloud.user_data);
     EXPECT_EQ(cloud.released, &login);
 
-    fake_host::Await("slot 0 connect/box_mgmt built");
+    Await("slot 0 connect/box_mgmt built");
     EXPECT_EQ(cloud.user_token, "U");
     const std::string device_id = R"({"result": {"device_id": "D"}})";
     ResponseBytes registration(device_id);
@@ -235,7 +233,7 @@ TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
 
     AwaitEndOfRun("slot 5");
     EXPECT_EQ(
-        fake_host::journal().events({"slot 0", "slot 2", "slot 3", "slot 4", "slot 5"}),
+        journal().events({"slot 0", "slot 2", "slot 3", "slot 4", "slot 5"}),
         (std::vector<std::string>{
             R"(slot 2 connect {"partner_user_token": "T", "partner_id": "acme"})",
             "slot 0 connect/login built",
@@ -245,7 +243,7 @@ TEST_F(SlotsTest, RegistrationRunsThroughTheSlotsAlone) {
             "slot 3 cloud_registration_done " + done,
             "slot 5",
         }));
-    EXPECT_EQ(fake_host::journal().count("slot 1"), 2U);
+    EXPECT_EQ(journal().count("slot 1"), 2U);
 
     // The reply's bytes: what is not a field is zero.
     MessageBytes expected = {};

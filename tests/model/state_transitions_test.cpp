@@ -12,8 +12,8 @@
 #include "cvregistration_globals.h"
 #include "cvregistration_state_machine.h"
 #include "cvregistration_utils.h"
-#include "fake_cloud_api.h"
-#include "fake_cvutils.h"
+#include "scripted_host.h"
+#include "cvutils_stand_in.h"
 
 using cv::registration::RegistrationHandler;
 
@@ -43,26 +43,26 @@ struct Point {
 };
 
 /// A host at which the state is looked at whenever the module calls it.
-class WatchingCloud : public fake_host::FakeCloudApi {
+class WatchingCloud : public kit::ScriptedHost {
 public:
     std::function<void(Point::Kind)> watch;
 
     int send_request(const char* request, const char* service, cvtessel_callback callback,
                      void* user_data) override {
-        const int result = FakeCloudApi::send_request(request, service, callback, user_data);
+        const int result = ScriptedHost::send_request(request, service, callback, user_data);
         watch(result == 0 ? Point::SENT : Point::REFUSED);
         return result;
     }
 
     int publish_message(const char* name, const void* data, unsigned int length) override {
-        const int result = FakeCloudApi::publish_message(name, data, length);
+        const int result = ScriptedHost::publish_message(name, data, length);
         watch(result == 0 ? Point::PUBLISHED : Point::NOT_PUBLISHED);
         return result;
     }
 
     int send_response(const Message* reply) override {
         watch(Point::REPLIED);
-        return FakeCloudApi::send_response(reply);
+        return ScriptedHost::send_response(reply);
     }
 };
 
@@ -86,7 +86,7 @@ const RegistrationHandler::State kStates[] = {RegistrationHandler::LOGIN,
 class Machine {
 public:
     explicit Machine(const Situation& situation) {
-        fake_host::reset_cvutils();
+        kit::reset_cvutils();
         g_cvcloud_api = &cloud;
         cv::registration::g_retry_num = 1;
         cv::registration::g_retry_interval = 0;
@@ -107,7 +107,7 @@ public:
             cloud.fail_next_publish();
         }
         if (situation.body_fails) {
-            fake_host::fail_attach("user_token");
+            kit::fail_attach("user_token");
         }
         cloud.watch = [this](Point::Kind kind) { add_point(kind); };
     }

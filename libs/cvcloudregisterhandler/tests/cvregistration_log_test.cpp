@@ -9,6 +9,7 @@
 
 namespace {
 
+using namespace kit;
 using cv::registration::RegistrationHandler;
 using cv::registration::RegistrationThread;
 
@@ -41,12 +42,12 @@ TEST_F(SilentModuleTest, RefusesToWorkWithoutACloudAccessObject) {
 }
 
 TEST_F(SilentModuleTest, FailsWithoutMemoryForTheRegistrationObject) {
-    interception::fail_next_new();
+    calls::fail_next(Call::new_nothrow);
     EXPECT_EQ(get_handler_api()->init(&cloud, commands), 0);
 }
 
 TEST_F(SilentModuleTest, FailsWithoutPipes) {
-    interception::fail_next_pipe2(EMFILE);
+    calls::fail_next(Call::pipe2, -1, EMFILE);
     EXPECT_EQ(get_handler_api()->init(&cloud, commands), 0);
 }
 
@@ -78,12 +79,12 @@ TEST_F(SilentHandlerTest, GoesOnWhenThereIsNothingToReadAndEndsWhenSelectFails) 
     handler.states[RegistrationHandler::LOGIN] = {"step", &handler.login_progress,
                                                   [&runs] {
                                                       ++runs;
-                                                      interception::fail_next_select(EBADF);
+                                                      calls::fail_next(Call::select, -1, EBADF);
                                                       return true;
                                                   },
                                                   RegistrationHandler::REGISTER_DEVICE};
     handler.thread.run();
-    interception::return_from_next_read(0);
+    calls::fail_next(Call::read, 0);
     EXPECT_EQ(RegistrationThread::thread_function(&handler.thread), nullptr);
     EXPECT_EQ(runs, 1);
 }

@@ -11,7 +11,7 @@
 #include "module_test.h"
 
 using namespace cv::registration;
-using namespace fake_host;
+using namespace kit;
 
 namespace {
 
@@ -23,11 +23,11 @@ static_assert(RegistrationHandler::FINISH == 4);
 static_assert(RegistrationHandler::FAIL == 5);
 
 /// Notes whether a registration is in progress when a reply is sent.
-class ObservingCloud : public FakeCloudApi {
+class ObservingCloud : public ScriptedHost {
 public:
     int send_response(const Message* reply) override {
         in_progress_at_reply = g_registration_handler->registration_in_progress;
-        return FakeCloudApi::send_response(reply);
+        return ScriptedHost::send_response(reply);
     }
 
     bool in_progress_at_reply = false;
@@ -124,7 +124,7 @@ TEST_F(ModuleTest, InitDoesNothingElseWhenTheWorkerCannotBeStarted) {
     RegistrationHandler handler;
     handler.error_response = "earlier";
     handler.registration_in_progress = true;
-    interception::fail_next_pipe2(EMFILE);
+    calls::fail_next(Call::pipe2, -1, EMFILE);
     EXPECT_FALSE(handler.init());
     EXPECT_EQ(handler.error_response, "earlier");
     EXPECT_TRUE(handler.registration_in_progress);
@@ -206,7 +206,7 @@ TEST_F(StateMachineTest, StartMarksTheRegistrationThenWakesTheWorker) {
     handler.registration_in_progress = false;
     handler.error_response = "earlier";
     bool in_progress_at_wake_up = false;
-    interception::before_write([&] { in_progress_at_wake_up = handler.registration_in_progress; });
+    calls::before_write([&] { in_progress_at_wake_up = handler.registration_in_progress; });
     EXPECT_EQ(handler.start_cloud_registration(), 1);
     EXPECT_TRUE(in_progress_at_wake_up);
     EXPECT_TRUE(handler.registration_in_progress);
@@ -217,7 +217,7 @@ TEST_F(StateMachineTest, StartMarksTheRegistrationThenWakesTheWorker) {
 
 TEST_F(StateMachineTest, StartTellsThatTheWakeUpWasDropped) {
     prepare();
-    interception::return_from_next_poll(0);
+    calls::fail_next(Call::poll, 0);
     EXPECT_EQ(handler.start_cloud_registration(), -1);
     EXPECT_TRUE(handler.registration_in_progress);
 }
@@ -238,10 +238,10 @@ protected:
 
     void expect_resumed_at(State state) {
         bool in_progress_at_wake_up = false;
-        interception::before_write([&] { in_progress_at_wake_up = handler.registration_in_progress; });
+        calls::before_write([&] { in_progress_at_wake_up = handler.registration_in_progress; });
         std::string error = "untouched";
         EXPECT_TRUE(handler.retry_cloud_registration(error));
-        interception::before_write({});
+        calls::before_write({});
         EXPECT_EQ(error, "untouched");
         EXPECT_EQ(handler.state, state);
         EXPECT_EQ(handler.error_response, "");
@@ -287,7 +287,7 @@ TEST_F(RetryTest, GoesStraightToTheEndWhenBothStepsHaveSucceeded) {
 }
 
 TEST_F(RetryTest, IsAcceptedAlsoWhenTheWakeUpIsDropped) {
-    interception::return_from_next_poll(0);
+    calls::fail_next(Call::poll, 0);
     std::string error;
     EXPECT_TRUE(handler.retry_cloud_registration(error));
     EXPECT_TRUE(handler.registration_in_progress);
@@ -331,7 +331,7 @@ TEST_F(StateMachineTest, ResultsAreStoredForTheWorker) {
 
 TEST_F(StateMachineTest, ResultsAreStoredBeforeTheWorkerIsWoken) {
     std::string seen;
-    interception::before_write([&] {
+    calls::before_write([&] {
         seen = handler.login_progress.value + (handler.login_progress.succeeded ? " yes " : " no ") +
                handler.error_response;
     });
@@ -340,9 +340,9 @@ TEST_F(StateMachineTest, ResultsAreStoredBeforeTheWorkerIsWoken) {
 }
 
 TEST_F(StateMachineTest, ResultsTellThatTheWakeUpWasDropped) {
-    interception::return_from_next_poll(0);
+    calls::fail_next(Call::poll, 0);
     EXPECT_EQ(handler.set_user_token_info("u", true, ""), -1);
-    interception::return_from_next_poll(0);
+    calls::fail_next(Call::poll, 0);
     EXPECT_EQ(handler.set_device_id_info("d", true, ""), -1);
     EXPECT_EQ(handler.login_progress.value + handler.register_progress.value, "ud");
 }
@@ -642,7 +642,7 @@ TEST_F(FinishTest, FailsWhenTheResultCannotBePublished) {
 }
 
 TEST_F(FinishTest, FailsWhenTheDocumentCannotBeCreated) {
-    interception::fail_next_json_object();
+    calls::fail_next(Call::json_object);
     expect_jansson_failure({});
 }
 
@@ -654,12 +654,12 @@ TEST_F(FinishTest, FailsWhenAMemberCannotBeAttached) {
         handler.state = RegistrationHandler::FINISH;
         handler.registration_in_progress = true;
         fail_attach(key);
-        expect_jansson_failure({"release document"});
+        expect_jansson_failure({std::string("cannot attach ") + key, "release document"});
     }
 }
 
 TEST_F(FinishTest, FailsWhenTheDocumentCannotBeWritten) {
-    interception::fail_next_json_dumps();
+    calls::fail_next(Call::json_dumps);
     expect_jansson_failure({"release document"});
 }
 
@@ -799,7 +799,7 @@ TEST_F(SendTest, LogsTheErrorOfARequestThatCannotBeBuilt) {
 
 TEST_F(SendTest, LogsNothingWhenTheDocumentCannotBeCreated) {
     for (const Step& step : steps_with_parameters()) {
-        interception::fail_next_json_object();
+        calls::fail_next(Call::json_object);
         expect_jansson_failure(step, {});
     }
 }
@@ -810,14 +810,15 @@ TEST_F(SendTest, ReleasesTheDocumentThenLogsWhenAMemberCannotBeAttached) {
             SCOPED_TRACE(member);
             reset_cvutils();
             fail_attach(member);
-            expect_jansson_failure(step, {"release document", error_line(step, jansson_error)});
+            expect_jansson_failure(
+                step, {"cannot attach " + member, "release document", error_line(step, jansson_error)});
         }
     }
 }
 
 TEST_F(SendTest, ReleasesTheDocumentThenLogsWhenItCannotBeWritten) {
     for (const Step& step : steps_with_parameters()) {
-        interception::fail_next_json_dumps();
+        calls::fail_next(Call::json_dumps);
         expect_jansson_failure(step, {"release document", error_line(step, jansson_error)});
     }
 }

@@ -14,7 +14,7 @@
 #include "module_test.h"
 
 using namespace cv::registration;
-using namespace fake_host;
+using namespace kit;
 
 namespace {
 
@@ -39,8 +39,8 @@ TEST_F(PipesTest, BeginUnopened) {
 
 TEST_F(PipesTest, AreOpenedNonBlockingTheStopPipeFirst) {
     RegistrationThread thread;
-    interception::return_from_next_pipe2(101, 102);
-    interception::return_from_next_pipe2(103, 104);
+    calls::return_from_next_pipe2(101, 102);
+    calls::return_from_next_pipe2(103, 104);
     EXPECT_TRUE(thread.init_pipes());
     EXPECT_EQ(events(), (Events{"pipe2 nonblocking", "pipe2 nonblocking"}));
     EXPECT_EQ(thread.stop_pipe[0], 101);
@@ -51,7 +51,7 @@ TEST_F(PipesTest, AreOpenedNonBlockingTheStopPipeFirst) {
 
 TEST_F(PipesTest, ThatWereNeverOpenedAreClosedAtDescriptor0) {
     RegistrationThread thread;
-    interception::fail_next_pipe2(EMFILE);
+    calls::fail_next(Call::pipe2, -1, EMFILE);
     EXPECT_FALSE(thread.init_pipes());
     EXPECT_EQ(events(),
               (Events{
@@ -63,8 +63,8 @@ TEST_F(PipesTest, ThatWereNeverOpenedAreClosedAtDescriptor0) {
 
 TEST_F(PipesTest, AreBothClosedWhenTheSecondCannotBeOpened) {
     RegistrationThread thread;
-    interception::return_from_next_pipe2(101, 102);
-    interception::fail_next_pipe2(ENFILE);
+    calls::return_from_next_pipe2(101, 102);
+    calls::fail_next(Call::pipe2, -1, ENFILE);
     EXPECT_FALSE(thread.init_pipes());
     EXPECT_EQ(events(), (Events{
                             "pipe2 nonblocking",
@@ -87,8 +87,8 @@ TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosedOnce) {
     for (const auto& [stop_read, stop_write, run_read, run_write] : cases) {
         journal().clear();
         RegistrationThread thread;
-        interception::return_from_next_pipe2(stop_read, stop_write);
-        interception::return_from_next_pipe2(run_read, run_write);
+        calls::return_from_next_pipe2(stop_read, stop_write);
+        calls::return_from_next_pipe2(run_read, run_write);
         EXPECT_FALSE(thread.init_pipes());
         thread.uninit();
         EXPECT_EQ(events(), (Events{
@@ -105,8 +105,8 @@ TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosedOnce) {
 
 TEST_F(PipesTest, OfTheLastDescriptorThatSelectCanWatchAreAccepted) {
     RegistrationThread thread;
-    interception::return_from_next_pipe2(101, 102);
-    interception::return_from_next_pipe2(FD_SETSIZE - 1, FD_SETSIZE);
+    calls::return_from_next_pipe2(101, 102);
+    calls::return_from_next_pipe2(FD_SETSIZE - 1, FD_SETSIZE);
     EXPECT_TRUE(thread.init_pipes());
 }
 
@@ -117,7 +117,7 @@ TEST_F(PipesTest, AreClosedReadEndFirstWithoutTheEndsThatAreUnopened) {
         {{101, -1}, {"close 101"}},
         {{-1, -1}, {}},
     };
-    interception::return_from_next_pipe2(101, 102); // Declares the two unreal.
+    calls::return_from_next_pipe2(101, 102); // Declares the two unreal.
     for (const auto& [ends, closed] : cases) {
         journal().clear();
         int pipe[2] = {ends.first, ends.second};
@@ -130,7 +130,7 @@ TEST_F(PipesTest, AreClosedReadEndFirstWithoutTheEndsThatAreUnopened) {
 
 TEST_F(PipesTest, ThatCannotBeOpenedLeaveNoWorker) {
     RegistrationHandler handler;
-    interception::fail_next_pipe2(EMFILE);
+    calls::fail_next(Call::pipe2, -1, EMFILE);
     EXPECT_FALSE(handler.thread.init(&handler));
     EXPECT_FALSE(handler.thread.started);
     EXPECT_FALSE(handler.thread.worker.joinable());
@@ -216,7 +216,7 @@ TEST_F(WorkerLoopTest, WatchesTheReadEndsAndNothingElse) {
     for (int turn = 0; turn < 2; ++turn) {
         stop();
         run_loop();
-        const interception::SelectCall call = interception::last_select();
+        const calls::SelectCall call = calls::last_select();
         EXPECT_EQ(call.descriptor_count,
                   std::max(handler.thread.stop_pipe[0], handler.thread.run_pipe[0]) + 1);
         EXPECT_EQ(call.read_descriptors,
@@ -230,7 +230,7 @@ TEST_F(WorkerLoopTest, WatchesTheReadEndsAndNothingElse) {
 
 TEST_F(WorkerLoopTest, OutlivesASignal) {
     cv::log::current_level = 3;
-    interception::fail_next_select(EINTR);
+    calls::fail_next(Call::select, -1, EINTR);
     stop();
     run_loop();
     EXPECT_EQ(loop_events(),
@@ -240,7 +240,7 @@ TEST_F(WorkerLoopTest, OutlivesASignal) {
 
 TEST_F(WorkerLoopTest, EndsWhenSelectFails) {
     handler.thread.run();
-    interception::fail_next_select(EBADF);
+    calls::fail_next(Call::select, -1, EBADF);
     run_loop();
     EXPECT_EQ(loop_events(),
               (Events{"select", "log 0 thread_function: Error at select: errno=9 (Bad file descriptor)"}));
@@ -249,8 +249,8 @@ TEST_F(WorkerLoopTest, EndsWhenSelectFails) {
 
 TEST_F(WorkerLoopTest, GoesOnWhenThereIsNothingToRead) {
     handler.thread.run();
-    interception::return_from_next_read(0);
-    interception::return_from_next_read(-1);
+    calls::fail_next(Call::read, 0);
+    calls::fail_next(Call::read, -1);
     stop_after = 1;
     run_loop();
     EXPECT_EQ(loop_events(), (Events{"select", read_run_byte(), "log 0 thread_function: read returned 0",
@@ -271,7 +271,7 @@ TEST_F(WorkerLoopTest, IsWokenByOneByteThatIsLogged) {
 
 TEST_F(WorkerLoopTest, MissesAWakeUpThatIsDropped) {
     cv::log::current_level = 3;
-    interception::return_from_next_poll(0);
+    calls::fail_next(Call::poll, 0);
     EXPECT_EQ(handler.thread.run(), -1);
     EXPECT_EQ(log_events(), Events{"log 3 run: Wrote run byte on fd " +
                                    std::to_string(handler.thread.run_pipe[1]) + " (-1)"});
@@ -363,7 +363,7 @@ TEST_F(WorkerTest, FinishesItsRunBeforeItStopsAndAbandonsTheNextOne) {
 }
 
 TEST_F(WorkerTest, ThatEndedOnASelectErrorIsStillJoined) {
-    interception::fail_next_select(EINVAL);
+    calls::fail_next(Call::select, -1, EINVAL);
     start([] {});
     Await("log 0 thread_function: Error at select: errno=22 (Invalid argument)");
     EXPECT_EQ(handler.thread.run(), 1);

@@ -11,7 +11,7 @@
 #include "module_test.h"
 
 using namespace cv::registration;
-using namespace fake_host;
+using namespace kit;
 
 namespace {
 
@@ -197,7 +197,7 @@ TEST_F(SendRequestTest, NeitherAllocatesNorSendsWithoutAText) {
 }
 
 TEST_F(SendRequestTest, SendsNothingWithoutABlock) {
-    interception::fail_next_new();
+    calls::fail_next(Call::new_nothrow);
     std::string error;
     EXPECT_FALSE(send_request_to_cloud("s", "m", "p", 1, 7, get_user_token_callback, error, false));
     EXPECT_EQ(error, error_reply("error_internal", "memory alloc error"));
@@ -264,7 +264,7 @@ TEST_F(WriteByteTest, WritesAnXWhenThePipeIsWritable) {
 TEST_F(WriteByteTest, WritesNothingWhenPollSaysNo) {
     for (const int no : {0, -1}) {
         journal().clear();
-        interception::return_from_next_poll(no);
+        calls::fail_next(Call::poll, no);
         EXPECT_EQ(write_byte(ends[1]), -1);
         EXPECT_EQ(events(), Events{writable()});
     }
@@ -272,7 +272,7 @@ TEST_F(WriteByteTest, WritesNothingWhenPollSaysNo) {
 
 TEST_F(WriteByteTest, ReturnsTheResultOfTheWrite) {
     for (const int result : {0, -1}) {
-        interception::return_from_next_write(result);
+        calls::fail_next(Call::write, result);
         EXPECT_EQ(write_byte(ends[1]), result);
     }
 }

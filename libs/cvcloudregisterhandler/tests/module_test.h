@@ -13,9 +13,9 @@
 #include "cvregistration_state_machine.h"
 #include "cvregistration_utils.h"
 #include "cvutils/log.h"
-#include "fake_cloud_api.h"
-#include "fake_cvutils.h"
-#include "interception.h"
+#include "scripted_host.h"
+#include "cvutils_stand_in.h"
+#include "scripted_calls.h"
 #include "journal.h"
 
 using Events = std::vector<std::string>;
@@ -27,7 +27,7 @@ inline std::string error_reply(const std::string& result, const std::string& rea
 
 /// The events so far, or those that begin with one of the prefixes.
 inline Events events(const std::vector<std::string>& prefixes = {""}) {
-    return fake_host::journal().events(prefixes);
+    return kit::journal().events(prefixes);
 }
 
 inline Events log_events() {
@@ -38,23 +38,23 @@ inline Events log_events() {
 class ModuleTest : public testing::Test {
 protected:
     ModuleTest() {
-        interception::reset();
-        fake_host::reset_cvutils();
+        kit::calls::reset();
+        kit::reset_cvutils();
         cv::registration::init_global_settings();
-        fake_host::reset_cvutils(); // Once more, for the line about the settings.
+        kit::reset_cvutils(); // Once more, for the line about the settings.
         g_cvcloud_api = &cloud;
-        fake_host::journal().clear();
+        kit::journal().clear();
     }
 
     ~ModuleTest() override {
         EXPECT_EQ(cloud.lent_responses(), 0U);
         // The blocks of unanswered requests are with the cloud.
-        EXPECT_EQ(interception::unreleased(), static_cast<int>(cloud.outstanding().size()));
+        EXPECT_EQ(kit::calls::unreleased(), static_cast<int>(cloud.outstanding().size()));
         g_cvcloud_api = nullptr;
         g_registration_handler = nullptr;
     }
 
-    fake_host::FakeCloudApi cloud;
+    kit::ScriptedHost cloud;
 };
 
 /// A registration object whose pipes are open, but whose worker the test plays itself.
@@ -64,7 +64,7 @@ protected:
         g_registration_handler = &handler;
         EXPECT_TRUE(handler.thread.init_pipes());
         handler.reset();
-        fake_host::journal().clear();
+        kit::journal().clear();
     }
 
     ~HandlerTest() override {
