@@ -265,7 +265,7 @@ TEST_F(LifecycleTest, LastDescriptorsWithinTheReachOfSelectServe) {
 // ---- Another handler library with the same names
 
 TEST(SecondHandlerTest, LibraryKeepsToItsOwnObjectsBehindAnotherInTheGlobalScope) {
-    const std::string path = testing::TempDir() + "other_handler.so";
+    const std::string path = testing::TempDir() + "other_handler." + std::to_string(getpid()) + ".so";
     std::filesystem::copy_file(HandlerLibrary::tested(), path,
                                std::filesystem::copy_options::overwrite_existing);
     const HandlerLibrary other(path.c_str(), RTLD_GLOBAL);

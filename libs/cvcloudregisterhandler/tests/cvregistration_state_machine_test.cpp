@@ -107,6 +107,24 @@ TEST(Construction, BuildsTheTablesAndNothingElse) {
     EXPECT_FALSE(handler.thread.started);
 }
 
+TEST(Construction, LeavesNothingUnset) {
+    const RegistrationHandler handler;
+    EXPECT_EQ(handler.state, RegistrationHandler::LOGIN);
+    EXPECT_FALSE(handler.registration_in_progress);
+    for (const RegistrationHandler::StepProgress* progress :
+         {&handler.login_progress, &handler.register_progress}) {
+        EXPECT_EQ(progress->tries_left, 0);
+        EXPECT_FALSE(progress->succeeded);
+        EXPECT_EQ(progress->value, "");
+    }
+    EXPECT_EQ(handler.request_id, 0U);
+    EXPECT_FALSE(handler.reply_requested);
+    const RegistrationHandler::StateHandler step;
+    EXPECT_EQ(step.progress, nullptr);
+    EXPECT_FALSE(step.action);
+    EXPECT_EQ(step.next_state, RegistrationHandler::LOGIN);
+}
+
 TEST_F(ModuleTest, InitStartsTheWorkerThenResets) {
     RegistrationHandler handler;
     handler.error_response = "earlier";
