@@ -12,6 +12,7 @@
 #else
 namespace cv::registration {
 
+/// What follows the last slash of a path.
 constexpr const char* base_name(const char* path) {
     const char* name = path;
     for (; *path != '\0'; ++path) {
@@ -23,6 +24,8 @@ constexpr const char* base_name(const char* path) {
 }
 
 } // namespace cv::registration
+
+/// The source file's base name.
 #define CV_FILE_NAME (cv::registration::base_name(__FILE__))
 #endif
 
