@@ -4,34 +4,15 @@
 set(CV_PACKAGE_CONTACT "cvcloudregisterhandler maintainers <maintainers@cvcloudregisterhandler.invalid>"
     CACHE STRING "Whom the packages name as their maintainer")
 
-set(package_include_dir "${CMAKE_INSTALL_INCLUDEDIR}/cvcloudregisterhandler")
-
-install(TARGETS cvcloudregisterhandler LIBRARY DESTINATION "${CV_HANDLER_DIR}" COMPONENT handler)
-
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/host/include/" DESTINATION "${package_include_dir}" COMPONENT dev)
-configure_file("${PROJECT_SOURCE_DIR}/cmake/cvcloudregisterhandler.pc.in" cvcloudregisterhandler.pc @ONLY)
-install(FILES "${PROJECT_BINARY_DIR}/cvcloudregisterhandler.pc"
-    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig" COMPONENT dev)
-
-include(CMakePackageConfigHelpers)
-set(package_config_dir "${CMAKE_INSTALL_LIBDIR}/cmake/cvcloudregisterhandler")
-configure_package_config_file(
-    "${PROJECT_SOURCE_DIR}/cmake/cvcloudregisterhandler-config.cmake.in" cvcloudregisterhandler-config.cmake
-    INSTALL_DESTINATION "${package_config_dir}"
-    PATH_VARS package_include_dir CV_HANDLER_DIR)
-write_basic_package_version_file(cvcloudregisterhandler-config-version.cmake COMPATIBILITY SameMajorVersion)
-install(FILES
-    "${PROJECT_BINARY_DIR}/cvcloudregisterhandler-config.cmake"
-    "${PROJECT_BINARY_DIR}/cvcloudregisterhandler-config-version.cmake"
-    DESTINATION "${package_config_dir}" COMPONENT dev)
-
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_VENDOR "cvcloudregisterhandler maintainers")
 set(CPACK_PACKAGE_CONTACT "${CV_PACKAGE_CONTACT}")
-set(CPACK_COMPONENTS_ALL handler dev)
+set(packages handler dev)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
+set(CPACK_SET_DESTDIR ON) # As an image is filled: what is installed sees the prefix of the system.
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 if(CMAKE_LIBRARY_ARCHITECTURE STREQUAL "arm-linux-gnueabihf")
     set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE armhf) # Otherwise that of this machine.
@@ -39,7 +20,7 @@ endif()
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/${sandbox_library_dir}")
 
 set(CPACK_DEBIAN_HANDLER_PACKAGE_NAME cvcloudregisterhandler)
 set(CPACK_DEBIAN_HANDLER_PACKAGE_SECTION libs)
@@ -58,7 +39,7 @@ object, the message and response records and the utility library's functions,
 as a handler compiles against them, for pkg-config and CMake.")
 
 if(CV_BUILD_SANDBOX AND NOT CMAKE_CROSSCOMPILING)
-    list(APPEND CPACK_COMPONENTS_ALL sandbox)
+    list(APPEND packages sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_NAME cvcloudregisterhandler-sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_SECTION devel)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_DEPENDS "cvcloudregisterhandler (= ${PROJECT_VERSION}), python3, python3-yaml")
@@ -68,7 +49,8 @@ the message exchange and the maker's cloud, real enough to run a registration
 on a workstation.")
 endif()
 
-# What Debian expects beside the files of every package.
+# What Debian expects beside the files of every package, and a bill of materials in SPDX's form. No image needs them: they
+# are components of their own, which only the packages hold.
 set(documents "${PROJECT_BINARY_DIR}/documents")
 add_custom_command(
     OUTPUT "${documents}/changelog.gz"
@@ -76,15 +58,46 @@ add_custom_command(
         "${PROJECT_VERSION}" "${CV_PACKAGE_CONTACT}" "${documents}/changelog.gz"
     DEPENDS "${PROJECT_SOURCE_DIR}/CHANGELOG.md" "${PROJECT_SOURCE_DIR}/scripts/debian-changelog"
     VERBATIM)
-add_custom_target(documents ALL DEPENDS "${documents}/changelog.gz")
-foreach(component IN LISTS CPACK_COMPONENTS_ALL)
-    string(TOUPPER ${component} key)
-    set(directory "${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${key}_PACKAGE_NAME}")
-    install(FILES "${documents}/changelog.gz" DESTINATION "${directory}" COMPONENT ${component})
-    install(FILES "${PROJECT_SOURCE_DIR}/cmake/copyright" DESTINATION "${directory}" COMPONENT ${component})
+add_custom_target(documents DEPENDS "${documents}/changelog.gz")
+
+# The materials of each package: name, version found when it is configured, licence, and how the package is related to it.
+# The sandbox lists its own.
+set(handler_materials "jansson ${JANSSON_VERSION} MIT DYNAMIC_LINK")
+set(dev_materials "jansson ${JANSSON_VERSION} MIT DEPENDS_ON")
+string(TIMESTAMP created "%Y-%m-%dT%H:%M:%SZ" UTC)
+
+set(CPACK_COMPONENTS_ALL)
+foreach(package IN LISTS packages)
+    string(TOUPPER ${package} key)
+    set(name ${CPACK_DEBIAN_${key}_PACKAGE_NAME})
+    set(component ${package}-documents)
+    string(TOUPPER ${component} component_key)
+    list(APPEND CPACK_COMPONENTS_ALL ${package} ${component})
+    set(CPACK_COMPONENT_${key}_GROUP ${package})
+    set(CPACK_COMPONENT_${component_key}_GROUP ${package})
+
+    set(entries)
+    set(relationships)
+    foreach(material IN LISTS ${package}_materials)
+        string(REPLACE " " ";" material ${material})
+        list(GET material 0 material_name)
+        list(GET material 1 material_version)
+        list(GET material 2 material_licence)
+        list(GET material 3 relationship)
+        string(APPEND entries ",
+    {\"SPDXID\": \"SPDXRef-${material_name}\", \"name\": \"${material_name}\", \"versionInfo\": \"${material_version}\",
+     \"downloadLocation\": \"NOASSERTION\", \"filesAnalyzed\": false, \"licenseDeclared\": \"${material_licence}\"}")
+        string(APPEND relationships ",
+    {\"spdxElementId\": \"SPDXRef-${name}\", \"relationshipType\": \"${relationship}\", \"relatedSpdxElement\": \"SPDXRef-${material_name}\"}")
+    endforeach()
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/package.spdx.json.in" "${documents}/${name}.spdx.json" @ONLY)
+
+    set(directory "${CMAKE_INSTALL_DATAROOTDIR}/doc/${name}")
+    install(FILES "${documents}/changelog.gz" "${PROJECT_SOURCE_DIR}/cmake/copyright" "${documents}/${name}.spdx.json"
+        DESTINATION "${directory}" COMPONENT ${component} EXCLUDE_FROM_ALL)
     install(FILES "${PROJECT_SOURCE_DIR}/cmake/lintian-overrides"
         DESTINATION "${CMAKE_INSTALL_DATAROOTDIR}/lintian/overrides"
-        RENAME "${CPACK_DEBIAN_${key}_PACKAGE_NAME}" COMPONENT ${component})
+        RENAME ${name} COMPONENT ${component} EXCLUDE_FROM_ALL)
 endforeach()
 
 include(CPack)
