@@ -45,7 +45,7 @@ def problem_of(text, tmp_path, read=play):
 @pytest.mark.parametrize("path", scenario_module.files(), ids=lambda path: path.stem)
 def test_scenario(path, tmp_path):
     play(path, tmp_path)
-    traffic.check_all(tmp_path)
+    assert traffic.check_all(tmp_path) > 0
 
 
 @pytest.mark.parametrize("text, problem", [
@@ -94,6 +94,7 @@ def run(*arguments):
 
 def test_the_list_has_a_line_for_each_scenario():
     lines = run("--list").stdout.splitlines()
+    assert len(lines) >= 42
     assert [line.split()[0] for line in lines] == [path.stem for path in scenario_module.files()]
     assert all(len(line.split("  ", 1)[1].strip()) > 20 for line in lines)
 

@@ -71,6 +71,7 @@ def test_good_traffic_passes(tmp_path, events):
     ([reply(error("error_unheard_of"))], 2, "error_reply.json: $.result: "),
     ([reply(error("error_internal", 'say "no"'))], 2, "it is no JSON"),
     ([reply('{"result": "error_other"}')], 2, "'reason' is a required property"),
+    ([build("get_device_token", ""), build("get_device_token", "")], 3, "its number 1 comes after 1"),
     ([{**START, "payload": "{}"}, reply(error("error_cvnc"))], 3, "it was accepted, but docs/schemas/start_cloud_"),
     ([{**START, "payload": GOOD_PAYLOAD}, reply(error("error_invalid_arguments"))], 3, "it was refused with "),
 ])
@@ -80,6 +81,12 @@ def test_bad_traffic_is_told_with_its_place(tmp_path, events, line, problem):
         traffic.check(path)
     assert str(caught.value).startswith(f"{path}:{line}: ")
     assert problem in str(caught.value)
+
+
+def test_a_record_of_nothing_is_told(tmp_path):
+    (tmp_path / "record.jsonl").write_text("", encoding="utf-8")
+    with pytest.raises(traffic.TrafficError, match="it does not begin as a record does"):
+        traffic.check_all(tmp_path)
 
 
 def test_every_daemon_of_a_test_keeps_a_record(ready_desk, record_directory):

@@ -75,7 +75,10 @@ def check(path):
     starts = {}
     latest = {"command": 0, "build": 0}
     # Not splitlines(), which knows line ends that JSON leaves as they are.
-    for number, line in enumerate(path.read_text(encoding="utf-8").split("\n")[:-1], 1):
+    lines = path.read_text(encoding="utf-8").split("\n")[:-1]
+    if not lines or "record" not in json.loads(lines[0]):
+        raise TrafficError(f"{path}: it does not begin as a record does")
+    for number, line in enumerate(lines[1:], 2):
         event = json.loads(line)
         kind = event.get("event")
         problem = None
@@ -99,6 +102,8 @@ def check(path):
 
 
 def check_all(directory):
-    """Checks every record in a directory."""
-    for path in sorted(directory.iterdir()):
+    """Checks every record in a directory; returns how many there are."""
+    paths = sorted(directory.iterdir())
+    for path in paths:
         check(path)
+    return len(paths)

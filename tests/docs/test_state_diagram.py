@@ -61,7 +61,7 @@ def differences(page, table):
 
 
 def test_diagram_and_module_have_the_same_transitions():
-    assert len(transitions_of_table(TABLE)) == TABLE.read_text(encoding="utf-8").count("\nTRANSITION(")
+    assert len(transitions_of_table(TABLE)) == TABLE.read_text(encoding="utf-8").count("\nTRANSITION(") >= 20
     if told := differences(PAGE, TABLE):
         pytest.fail("\n".join(told), pytrace=False)
 
