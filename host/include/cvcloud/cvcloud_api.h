@@ -77,9 +77,9 @@ public:
     /// and its payload are used during the call only; a handler acts on no result.
     virtual int send_response(const Message* reply) = 0;
 
-    /// The token of the requests that carry the connection fields.
+    /// The token for the object's requests. Handlers write it.
     std::string user_token;
-    /// The device identity of the requests that carry the connection fields.
+    /// The box's identity in these requests. Handlers write it.
     std::string device_id;
     /// The partner identifier that the box was configured with. Handlers read it and never write it.
     std::string partner_id;
