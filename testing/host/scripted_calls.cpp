@@ -2,8 +2,8 @@
 
 #include <fcntl.h>
 
-#include <atomic>
 #include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <deque>
@@ -106,8 +106,9 @@ std::string numbered(const char* name, int number) {
 namespace calls {
 
 void reset(bool everything) {
-    static ScriptedCalls instance;
-    put_in_front(&instance);
+    // Never destroyed: calls come until the program has ended.
+    static auto* const instance = new ScriptedCalls;
+    put_in_front(instance);
     order();
     const std::lock_guard<std::mutex> lock(mutex);
     scripts() = Scripts();
