@@ -1,7 +1,6 @@
 #include "journal.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
 
 namespace kit {
@@ -51,12 +50,20 @@ std::vector<std::string> Journal::events(const std::vector<std::string>& prefixe
     return found;
 }
 
-std::deque<Event> Journal::events_of(Role role) const {
+std::deque<Event> Journal::events_of(Role role, std::size_t first) const {
     const InHost host;
     const std::lock_guard<std::mutex> lock(mutex);
     std::deque<Event> found;
-    std::copy_if(list.begin(), list.end(), std::back_inserter(found),
-                 [role](const Event& event) { return event.role == role; });
+    for (const Event& event : list) {
+        if (event.role != role) {
+            continue;
+        }
+        if (first > 0) {
+            --first;
+        } else {
+            found.push_back(event);
+        }
+    }
     return found;
 }
 

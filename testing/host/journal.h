@@ -41,8 +41,8 @@ public:
     /// All events so far, or those that begin with one of the prefixes.
     std::vector<std::string> events(const std::vector<std::string>& prefixes = {""}) const;
 
-    /// The events of one kind of thread, with what came of them.
-    std::deque<Event> events_of(Role role) const;
+    /// The events of one kind of thread but for its first ones, with what came of them.
+    std::deque<Event> events_of(Role role, std::size_t first = 0) const;
 
     /// How often the event has happened.
     std::size_t count(const std::string& what) const;

@@ -1,5 +1,5 @@
-// The operators new and delete of a test program. All forms are malloc() and free(), so that the sanitizers see matching
-// pairs; not inlined, or the compiler would see malloc() meet operator delete.
+// The operators new and delete of a test program. All forms are malloc() and free(), so that the sanitizers
+// see matching pairs; not inlined, or the compiler would see malloc() meet operator delete.
 
 #include <execinfo.h>
 
@@ -30,10 +30,10 @@ std::atomic<const unsigned char*> last{nullptr};
 // The size of a tracked block stands before it.
 constexpr std::size_t kSizeField = alignof(std::max_align_t);
 
-void record(const char* operation, std::size_t size) {
+void record(const char* operation, std::size_t size, long result = 0) {
     if (all_are_recorded()) {
         const InHost host;
-        journal().record(operation + std::to_string(size));
+        journal().record({operation + std::to_string(size), Role::worker, false, result});
     }
 }
 
@@ -80,8 +80,9 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     if (!kit::in_module()) {
         return std::malloc(size == 0 ? 1 : size);
     }
-    calls::record("new ", size);
-    return calls::fails(Call::new_nothrow) ? nullptr : calls::tracked_block(size);
+    const bool fails = calls::fails(Call::new_nothrow);
+    calls::record("new ", size, fails ? 0 : 1);
+    return fails ? nullptr : calls::tracked_block(size);
 }
 
 [[gnu::noinline]] void operator delete(void* memory) noexcept {

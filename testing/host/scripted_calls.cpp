@@ -197,7 +197,9 @@ int ScriptedCalls::pipe2(int* ends, int flags) {
     }
     const std::lock_guard<std::mutex> lock(mutex);
     if (result == 0) {
-        scripts().pipes.push_back({ends[0], ends[1]});
+        std::vector<std::array<int, 2>>& pipes = scripts().pipes;
+        pipes.erase(pipes.begin(), pipes.size() > 1 ? pipes.end() - 1 : pipes.begin());
+        pipes.push_back({ends[0], ends[1]});
     }
     return call.returns(result);
 }
@@ -234,9 +236,15 @@ int ScriptedCalls::select(int count, fd_set* readable, fd_set* writable, fd_set*
                                  exceptional != nullptr, timeout != nullptr};
     }
     const Recorded call("select", true);
-    return call.returns(failing(Call::select)
-                            ? taken.result
-                            : System::select(count, readable, writable, exceptional, timeout));
+    if (failing(Call::select)) {
+        return call.returns(taken.result);
+    }
+    waits(true);
+    const int result = System::select(count, readable, writable, exceptional, timeout);
+    const int error = errno;
+    waits(false);
+    errno = error;
+    return call.returns(result);
 }
 
 ssize_t ScriptedCalls::read(int descriptor, void* buffer, std::size_t size) {

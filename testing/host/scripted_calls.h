@@ -41,8 +41,8 @@ struct Fault {
     int count = 1;
 };
 
-/// The system with a script and a journal. A call without a script goes on to the system, except that sleep() returns
-/// at once. The journal records, each when the call begins:
+/// The system with a script and a journal. A call without a script goes on to the system, except that sleep()
+/// returns at once. The journal records, each when the call begins:
 ///   pipe2 nonblocking             (or: pipe2 FLAGS)
 ///   poll FD for writing, timeout TIMEOUT    (or: poll FD for EVENTS, ...)
 ///   select, read FD, write FD BYTES, close FD, sleep SECONDS
@@ -63,17 +63,22 @@ public:
     void free(void* memory) override;
     char* strdup(const char* text) override;
     json_t* json_object() override;
-    json_t* json_loadb(const char* buffer, std::size_t length, std::size_t flags, json_error_t* error) override;
+    json_t* json_loadb(const char* buffer, std::size_t length, std::size_t flags,
+                       json_error_t* error) override;
     char* json_dumps(const json_t* value, std::size_t flags) override;
     void json_delete(json_t* value) override;
+
+protected:
+    /// A recorded select() goes on to the system, or has come back from there.
+    virtual void waits(bool /*begins*/) {}
 };
 
 /// The script of the process.
 namespace calls {
 
-/// Puts a ScriptedCalls in front of the system and forgets all scripts. With `everything` all calls are recorded, and
-/// descriptor 0 is never really closed; without it only select() and sleep() are recorded, by which a test knows that the
-/// worker is done with a run.
+/// Puts a ScriptedCalls in front of the system and forgets all scripts. With `everything` all calls are
+/// recorded, and descriptor 0 is never really closed; without it only select() and sleep() are recorded, by
+/// which a test knows that the worker is done with a run.
 void reset(bool everything = true);
 
 /// The next call of its kind that has no script yet returns `result` with `error`.
@@ -92,7 +97,7 @@ int ordered_result();
 /// The next pipe2() returns descriptors that do not exist; close() only records them.
 void return_from_next_pipe2(int read_end, int write_end);
 
-/// The pipes that were opened since reset().
+/// The last pipes that were opened since reset(), two at most.
 std::vector<std::array<int, 2>> pipes();
 
 /// Called before each write(), on the writing thread.
@@ -108,15 +113,17 @@ struct SelectCall {
 };
 SelectCall last_select();
 
-/// With memory.cpp: how many of the things whose release the journal records have not been released. (A leak detector finds none of them
-/// lost, since they are on the list here.)
+/// With memory.cpp: how many of the things whose release the journal records have not been released. (A leak
+/// detector finds none of them lost, since they are on the list here.)
 int unreleased();
 
-/// With memory.cpp: the block of the last non-throwing allocation that succeeded, which was filled with kDirt.
+/// With memory.cpp: the block of the last non-throwing allocation that succeeded, which was filled with
+/// kDirt.
 const unsigned char* last_block();
 constexpr unsigned char kDirt = 0xA5;
 
-/// With memory.cpp: where an allocation of a throwing operator new failed: called with the return addresses, innermost first.
+/// With memory.cpp: where an allocation of a throwing operator new failed: called with the return addresses,
+/// innermost first.
 extern void (*on_throw)(void* const* addresses, int count);
 
 } // namespace calls

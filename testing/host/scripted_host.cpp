@@ -33,6 +33,12 @@ void ScriptedHost::script(Operation operation, int result, int times) {
     script.insert(script.end(), static_cast<std::size_t>(times), result);
 }
 
+void ScriptedHost::forget_script() {
+    const std::lock_guard<std::mutex> lock(mutex);
+    results = {};
+    inside_answers.clear();
+}
+
 int ScriptedHost::recorded(const std::string& event, Operation operation) {
     const std::size_t call = journal().begin(event);
     const int result = next_result(operation);
@@ -166,14 +172,16 @@ char* ScriptedHost::build_request(const char* method, const char* params, unsign
     const InHost host;
     std::string text = std::string(method) + " ";
     text += params_len == 0 ? std::string("(none)") + params : std::string(params, params_len);
-    text += add_connect_fields ? " fields=yes user_token=" + user_token + " device_id=" + device_id : " fields=no";
+    text += add_connect_fields ? " fields=yes user_token=" + user_token + " device_id=" + device_id
+                               : " fields=no";
     const int result = recorded("build_request " + text, Operation::build);
     return result == 0 ? strdup(text.c_str()) : nullptr;
 }
 
 int ScriptedHost::publish_message(const char* name, const void* data, unsigned int length) {
     const InHost host;
-    return recorded(std::string("publish ") + name + " " + std::string(static_cast<const char*>(data), length),
+    return recorded(std::string("publish ") + name + " " +
+                        std::string(static_cast<const char*>(data), length),
                     Operation::publish);
 }
 

@@ -44,8 +44,8 @@ struct OutstandingRequest {
 ///   release_response
 ///   publish NAME DATA
 ///   reply REQUEST_ID PAYLOAD
-/// each with its result; without parameters PARAMS is "(none)". Any thread may call any member; the string members
-/// belong to the module while a registration runs.
+/// each with its result; without parameters PARAMS is "(none)". Any thread may call any member; the string
+/// members belong to the module while a registration runs.
 class ScriptedHost : public CvCloudAPI {
 public:
     ScriptedHost() = default;
@@ -74,11 +74,14 @@ public:
         script(Operation::reply, result);
     }
 
+    /// Everything succeeds from now on.
+    void forget_script();
+
     /// The next accepted request is answered with this before send_request() returns.
     void answer_inside_next_send(const Answer& answer);
 
-    // ---- Answers to an outstanding request, the oldest being 0; wait for one with Await("send_request ...").
-    // False when no request is outstanding.
+    // ---- Answers to an outstanding request, the oldest being 0; wait for one with Await("send_request
+    // ..."). False when no request is outstanding.
 
     /// Calls the callback on the calling thread.
     bool answer(const Answer& answer, std::size_t index = 0);
@@ -106,19 +109,19 @@ public:
     int send_response(const Message* message) override;
 
 protected:
-    /// What comes of an operation that the module has called, for a host that decides it itself; `scripted` is what the
-    /// script says. Called on the module's thread when the operation is in the journal; a request that is sent comes there
-    /// once it is outstanding.
+    /// What comes of an operation that the module has called, for a host that decides it itself; `scripted`
+    /// is what the script says. Called on the module's thread when the operation is in the journal; a request
+    /// that is sent comes there once it is outstanding.
     virtual int outcome(Operation /*operation*/, int scripted) {
         return scripted;
     }
 
-    /// The answer to a request that is given before send_request() returns, if there is to be one. Called when it was
-    /// accepted.
+    /// The answer to a request that is given before send_request() returns, if there is to be one. Called
+    /// when it was accepted.
     virtual bool answers_inside(const std::string& service, Answer& answer);
 
-    /// Lends a response to the callback: on the heap and without a NUL behind the body, for the sanitizers. Null for an
-    /// empty body.
+    /// Lends a response to the callback: on the heap and without a NUL behind the body, for the sanitizers.
+    /// Null for an empty body.
     void deliver(const OutstandingRequest& request, const Answer& answer);
 
     bool take(OutstandingRequest& request, std::size_t index);

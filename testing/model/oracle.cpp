@@ -1,6 +1,5 @@
 #include "oracle.h"
 
-#include <cstdlib>
 #include <tuple>
 
 #include "cvutils_stand_in.h"
@@ -83,9 +82,11 @@ std::optional<std::string> Oracle::write(std::initializer_list<Member> members) 
     }
     std::optional<std::string> text;
     if (complete) {
-        char* const written = json_dumps(document, 0);
-        text = written;
-        std::free(written);
+        const auto append = [](const char* piece, std::size_t length, void* target) {
+            static_cast<std::string*>(target)->append(piece, length);
+            return 0;
+        };
+        json_dump_callback(document, append, &text.emplace(), 0);
     }
     json_decref(document);
     return text;
@@ -243,11 +244,11 @@ void Oracle::respond(std::size_t index, std::uint32_t status, const std::string&
                 }
                 reason = text_of(message).value_or(reason);
             }
-            error = text::error_reply("error_" + (!login ? text::kRegisterBox
-                                                  : now.first_method == text::kConnect
-                                                      ? text::kConnect
-                                                      : text::kGetDeviceToken),
-                                      reason);
+            error =
+                text::error_reply("error_" + (!login                               ? text::kRegisterBox
+                                              : now.first_method == text::kConnect ? text::kConnect
+                                                                                   : text::kGetDeviceToken),
+                                  reason);
         }
         json_decref(document);
     } else {
@@ -259,7 +260,8 @@ void Oracle::respond(std::size_t index, std::uint32_t status, const std::string&
         effects.emplace_back("release_response");
     }
     if (!value) {
-        effects.push_back(std::string("log 0 ") + (login ? "extract_token" : "register_box_callback") + ": " + error);
+        effects.push_back(std::string("log 0 ") + (login ? "extract_token" : "register_box_callback") + ": " +
+                          error);
     } else {
         (login ? now.user_token : now.device_id) = *value;
     }
@@ -386,9 +388,9 @@ void Oracle::build() {
         return;
     }
     effects.push_back("build_request " + method + " " + *params +
-                      (method == text::kConnect ? " fields=no"
-                                                : " fields=yes user_token=" + now.user_token +
-                                                      " device_id=" + now.device_id));
+                      (method == text::kConnect
+                           ? " fields=no"
+                           : " fields=yes user_token=" + now.user_token + " device_id=" + now.device_id));
     position = Worker::building;
 }
 

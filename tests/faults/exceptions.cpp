@@ -32,13 +32,12 @@
 #include "cvcloudregisterhandler.h"
 #include "cvregistration_globals.h"
 #include "cvregistration_state_machine.h"
-#include "rules.h"
+#include "process.h"
 #include "scenarios.h"
-#include "underneath.h"
 
-using underneath::Call;
-using underneath::Inside;
-using underneath::Role;
+using kit::Call;
+using kit::InModule;
+using kit::Role;
 
 namespace {
 
@@ -63,9 +62,9 @@ constexpr int kBroken = 16;
 
 int report_descriptor = -1;
 
-void write_report(Role role, void* const* addresses, int count) {
+void write_report(void* const* addresses, int count) {
     Report report;
-    report.role = static_cast<int>(role);
+    report.role = static_cast<int>(kit::thread_role());
     report.depth = count < kDepth ? count : kDepth;
     std::memcpy(report.addresses, addresses, sizeof(void*) * static_cast<std::size_t>(report.depth));
     if (write(report_descriptor, &report, sizeof report) != sizeof report) {
@@ -76,50 +75,46 @@ void write_report(Role role, void* const* addresses, int count) {
 /// A daemon that catches what leaves the module, in a child process.
 class CatchingDaemon {
 public:
-    explicit CatchingDaemon(const Scenario& played) : scenario(played) {
-        script(host, scenario);
-    }
+    explicit CatchingDaemon(const Scenario& played) : host(played) {}
 
     // Ends with one of the codes above, unless the process ends first.
     int play() {
         if (!init()) {
             // The daemon cleans up; the next init() works.
             uninit();
-            underneath::order();
+            kit::calls::order();
             if (!init() || !registers()) {
                 return kBroken;
             }
             uninit();
-            return underneath::unreleased() > 0 ? kLeftInitAndLost : kLeftInit;
+            return unreleased() > 0 ? kLeftInitAndLost : kLeftInit;
         }
-        for (const Command& command : scenario.commands) {
+        for (const Command& command : host.scenario.commands) {
             if (!run(command)) {
-                underneath::order();
+                kit::calls::order();
                 if (host.callback_threw) {
                     // Nobody wakes the worker: the registration stays in progress, and only uninit() is left.
                     if (!in_progress()) {
                         return kBroken;
                     }
                     uninit();
-                    const bool all_lost = host.lent_responses() == 1 && underneath::unreleased() == 1;
-                    const bool none_lost = host.lent_responses() == 0 && underneath::unreleased() == 0;
+                    const bool all_lost = host.lent_responses() == 1 && unreleased() == 1;
+                    const bool none_lost = host.lent_responses() == 0 && unreleased() == 0;
                     return all_lost ? kLeftCallbackAndLost : none_lost ? kLeftCallback : kBroken;
                 }
                 // A request of an earlier command may be outstanding.
-                scenario.login_answers.clear();
-                scenario.box_answers.clear();
+                host.be_kind();
                 while (host.answer()) {
-                    underneath::await_idle_worker();
                 }
                 if (in_progress() || !registers()) {
                     return kBroken;
                 }
                 uninit();
-                return underneath::unreleased() > 0 ? kBroken : kLeftHandle;
+                return unreleased() > 0 ? kBroken : kLeftHandle;
             }
         }
         uninit();
-        return underneath::fired() > 0 ? kSwallowed : kNothingFailed;
+        return kit::calls::fired() > 0 ? kSwallowed : kNothingFailed;
     }
 
 private:
@@ -131,7 +126,7 @@ private:
         try {
             std::vector<std::string> commands;
             commands.reserve(8); // The daemon's own list.
-            const Inside module;
+            const InModule module;
             return g_handler_api.init(&host, commands) != 0;
         } catch (const std::bad_alloc&) {
             return false;
@@ -139,40 +134,33 @@ private:
     }
 
     static void uninit() {
-        const Inside module;
+        const InModule module;
         g_handler_api.uninit();
     }
 
     bool run(const Command& command) {
         try {
-            deliver(command);
+            host.deliver(command);
         } catch (const std::bad_alloc&) {
             return false;
         }
-        underneath::await_idle_worker();
         while (!command.hold && host.answer()) {
             if (host.callback_threw) {
                 return false;
             }
-            underneath::await_idle_worker();
         }
         return true;
     }
 
     bool registers() {
-        scenario.login_answers.clear();
-        scenario.box_answers.clear();
-        host.failing_builds = host.failing_sends = host.failing_publishes = 0;
-        deliver(start(true, 90));
-        underneath::await_idle_worker();
+        host.be_kind();
+        host.deliver(start(true, 90));
         while (host.answer()) {
-            underneath::await_idle_worker();
         }
-        return !in_progress() && host.device_id == good_box().value;
+        return !in_progress() && host.device_id == kDeviceId;
     }
 
-    Scenario scenario;
-    TracedHost host;
+    Daemon host;
 };
 
 struct Ending {
@@ -184,15 +172,15 @@ struct Ending {
 Ending fail_in_child(const Scenario& scenario, int number) {
     int pipe_ends[2];
     if (pipe(pipe_ends) != 0) {
-        underneath::die("no pipe");
+        fail("no pipe");
     }
     const pid_t child = fork();
     if (child == -1) {
-        underneath::die("no child process");
+        fail("no child process");
     }
     if (child == 0) {
         report_descriptor = pipe_ends[1];
-        underneath::on_throw = write_report;
+        kit::calls::on_throw = write_report;
         // The C++ library tells about the end of the process; here that is what is wanted.
         const int null = open("/dev/null", O_RDWR);
         dup2(null, 2);
@@ -200,7 +188,7 @@ Ending fail_in_child(const Scenario& scenario, int number) {
         setrlimit(RLIMIT_CORE, &no_core);
         alarm(60);
         CatchingDaemon daemon(scenario);
-        underneath::order({Call::new_throwing, 0, ENOMEM, number, 1});
+        kit::calls::order({Call::new_throwing, 0, ENOMEM, number, 1});
         _exit(daemon.play());
     }
     close(pipe_ends[1]);
@@ -252,7 +240,7 @@ std::string output_of(const std::string& command) {
         output.append(buffer, length);
     }
     if (pclose(stream) != 0) {
-        underneath::die("failed: " + command.substr(0, 60) + "...");
+        fail("failed: " + command.substr(0, 60) + "...");
     }
     return output;
 }
@@ -322,7 +310,7 @@ std::vector<std::string> module_functions(const std::vector<Report>& reports) {
 std::set<std::string> listed_places(const char* document) {
     std::ifstream file(document);
     if (!file) {
-        underneath::die(std::string("cannot read ") + document);
+        fail(std::string("cannot read ") + document);
     }
     const std::set<std::string> threads = {"daemon", "worker", "callback"};
     std::set<std::string> places;
@@ -349,7 +337,8 @@ int main(int argc, char** argv) {
         std::cerr << "usage: exceptions DOCUMENT (the one with the table of the places)\n";
         return 2;
     }
-    underneath::mark_thread(Role::host);
+    kit::mark_thread(Role::daemon);
+    faulty_system();
     void* warm_up[1];
     backtrace(warm_up, 1); // Loads what it needs.
 
@@ -357,13 +346,13 @@ int main(int argc, char** argv) {
     std::vector<std::string> endings;
     for (const Scenario& scenario : scenarios()) {
         for (int number = 1;; ++number) {
-            underneath::describe(scenario.name + ", throwing allocation " + std::to_string(number));
+            describe(scenario.name + ", throwing allocation " + std::to_string(number));
             const Ending ending = fail_in_child(scenario, number);
             if (ending.report.role == -1 && ending.how == "nothing") {
                 break;
             }
             if (ending.report.role == -1) {
-                underneath::die("ends without a failure: " + ending.how);
+                fail("ends without a failure: " + ending.how);
             }
             reports.push_back(ending.report);
             endings.push_back(ending.how);

@@ -2,15 +2,12 @@
 // all from the nth on, for every n until there are no more calls. After each: what the rules say, nothing
 // lost, nothing released twice, and the next registration succeeds where the failure allows it.
 
-#include <dirent.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <set>
 #include <string>
 #include <system_error>
@@ -20,14 +17,12 @@
 #include "cvcloudregisterhandler.h"
 #include "cvregistration_globals.h"
 #include "cvregistration_state_machine.h"
-#include "rules.h"
+#include "process.h"
 #include "scenarios.h"
-#include "underneath.h"
 
-using underneath::Call;
-using underneath::die;
-using underneath::Fault;
-using underneath::Inside;
+using kit::Call;
+using kit::Fault;
+using kit::InModule;
 
 namespace {
 
@@ -49,7 +44,7 @@ const FaultKind kFaultKinds[] = {
     {"jansson's malloc", Call::json_malloc, 0, 0},
     {"json_object", Call::json_object, 0, 0},
     {"json_dumps", Call::json_dumps, 0, 0},
-    {"build_request", Call::build_request, 0, 0},
+    {"build_request", Call::build_request, 1, 0},
     {"send_request", Call::send_request, 1, 0},
     {"send_request", Call::send_request, -1, 0},
     {"publish_message", Call::publish_message, 1, 0},
@@ -81,45 +76,32 @@ const FaultKind kFaultKinds[] = {
 };
 
 std::set<std::string> open_descriptors() {
-    std::set<std::string> names;
-    const std::unique_ptr<DIR, int (*)(DIR*)> stream(opendir("/proc/self/fd"), closedir);
-    while (const dirent* entry = readdir(stream.get())) {
-        names.insert(entry->d_name);
-    }
-    return names;
+    return kit::names_in("/proc/self/fd");
 }
 
-// A pipe that was never opened counts descriptor 0 as its write end, so the module closes it.
-void reopen_descriptor_zero() {
-    if (fcntl(0, F_GETFD) == -1 && open("/dev/null", O_RDONLY) != 0) {
-        die("descriptor 0 cannot be opened");
-    }
-}
-
+/// A daemon and the module, followed by the rules.
 class Box {
 public:
-    explicit Box(const Scenario& played) : scenario(played), rules(host) {
-        script(host, scenario);
-    }
+    explicit Box(const Scenario& played) : host(played) {}
 
     void init() {
         std::vector<std::string> commands;
         int result = 0;
         bool threw = false;
         try {
-            const Inside module;
+            const InModule module;
             result = g_handler_api.init(&host, commands);
         } catch (const std::system_error&) {
             threw = true;
         }
-        rules.init(result, threw);
-        if (rules.ready) {
-            underneath::await_idle_worker();
+        if (result != 0) {
+            faulty_system().await_idle_worker();
         }
+        rules.init(result, threw);
     }
 
     void play() {
-        for (const Command& command : scenario.commands) {
+        for (const Command& command : host.scenario.commands) {
             do_command(command);
         }
     }
@@ -128,12 +110,10 @@ public:
         if (!rules.ready) {
             return;
         }
-        deliver(command);
-        underneath::await_idle_worker();
-        rules.command(command);
+        host.deliver(command);
+        rules.deliver(command);
         compare();
         while (!command.hold && host.answer()) {
-            underneath::await_idle_worker();
             rules.answer();
             compare();
         }
@@ -141,10 +121,8 @@ public:
 
     // Kind answers and no more faults: a failed registration is resumed, and another one follows.
     void recover() {
-        scenario.login_answers.clear();
-        scenario.box_answers.clear();
-        host.failing_builds = host.failing_sends = host.failing_publishes = 0;
-        if (rules.has_failed) {
+        host.be_kind();
+        if (rules.snapshot().state == 5 && !rules.snapshot().in_progress) {
             do_command(retry(90));
         }
         do_command(start(true, 91));
@@ -153,57 +131,46 @@ public:
 
     void uninit() {
         {
-            const Inside module;
+            const InModule module;
             g_handler_api.uninit();
         }
-        underneath::join_rescuer();
+        faulty_system().join_rescuer();
         rules.uninit();
         host.drop_outstanding();
         if (g_registration_handler != nullptr) {
-            die("uninit() left the registration object");
+            fail("uninit() left the registration object");
         }
     }
 
-    int dones() const {
-        return rules.dones;
-    }
-    bool is_ready() const {
-        return rules.ready;
-    }
     bool lost_a_wake_up_or_the_worker() const {
         return rules.dropped_wake_ups > 0 || rules.worker_ended;
     }
-    std::size_t lent_responses() const {
-        return host.lent_responses();
-    }
+
+    Daemon host;
+    Rules& rules = host.rules;
 
 private:
     void compare() {
-        if (g_registration_handler->registration_in_progress != rules.in_progress) {
-            die(rules.in_progress ? "the registration should be in progress"
-                                  : "the registration should not be in progress");
+        const kit::Snapshot& due = rules.snapshot();
+        if (g_registration_handler->registration_in_progress != due.in_progress) {
+            fail(due.in_progress ? "the registration should be in progress"
+                                 : "the registration should not be in progress");
         }
-        if (host.user_token != rules.user_token || host.device_id != rules.device_id) {
-            die("the daemon's token or device identity is not what the rules say");
+        if (host.user_token != due.user_token || host.device_id != due.device_id) {
+            fail("the daemon's token or device identity is not what the rules say");
         }
     }
-
-    Scenario scenario;
-    TracedHost host;
-    Rules rules;
 };
 
 void expect(bool condition, const std::string& message) {
     if (!condition) {
-        die(message);
+        fail(message);
     }
 }
 
 void expect_clean(const Box& box, const std::set<std::string>& descriptors) {
-    reopen_descriptor_zero();
-    expect(underneath::unreleased() == 0,
-           std::to_string(underneath::unreleased()) + " blocks, texts or JSON values are left");
-    expect(box.lent_responses() == 0, "a response was not given back");
+    expect(unreleased() == 0, std::to_string(unreleased()) + " blocks, texts or JSON values are left");
+    expect(box.host.lent_responses() == 0, "a response was not given back");
     expect(open_descriptors() == descriptors, "the open descriptors are not what they were");
 }
 
@@ -213,31 +180,31 @@ int torture(const Scenario& scenario, const Fault& fault, const std::set<std::st
     {
         // The fault lasts beyond uninit(), and the next init() finds everything in order.
         Box box(scenario);
-        underneath::order(fault);
+        kit::calls::order(fault);
         box.init();
         box.play();
         box.uninit();
-        fired = underneath::fired();
-        underneath::order();
+        fired = kit::calls::fired();
+        kit::calls::order();
         expect_clean(box, descriptors);
-        const int before = box.dones();
+        const int before = box.rules.successes();
         box.init();
         box.recover();
-        expect(box.dones() == before + 2, "no registration succeeds after another init()");
+        expect(box.rules.successes() == before + 2, "no registration succeeds after another init()");
         box.uninit();
         expect_clean(box, descriptors);
     }
     {
         // The fault goes by, and the same worker goes on.
         Box box(scenario);
-        underneath::order(fault);
+        kit::calls::order(fault);
         box.init();
         box.play();
-        underneath::order();
-        const int before = box.dones();
+        kit::calls::order();
+        const int before = box.rules.successes();
         box.recover();
         // A wake-up that was dropped is never made up for, and a worker that ended stays ended.
-        expect(!box.is_ready() || box.lost_a_wake_up_or_the_worker() || box.dones() >= before + 2,
+        expect(!box.rules.ready || box.lost_a_wake_up_or_the_worker() || box.rules.successes() >= before + 2,
                "no registration succeeds after the failure");
         box.uninit();
         expect_clean(box, descriptors);
@@ -249,7 +216,7 @@ void out_of_time(int /*signal*/) {
     // What await_idle_worker() does not see: the daemon's thread waits for ever.
     constexpr char kMessage[] = "torture: a call into the module does not return\n";
     [[maybe_unused]] const ssize_t written = write(2, kMessage, sizeof kMessage - 1);
-    die("hangs");
+    fail("hangs");
 }
 
 } // namespace
@@ -260,15 +227,15 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "torture: the one option is --quick\n");
         return 2;
     }
-    underneath::mark_thread(underneath::Role::host);
+    kit::mark_thread(kit::Role::daemon);
+    faulty_system();
     std::signal(SIGALRM, out_of_time);
     std::signal(SIGPIPE, SIG_DFL); // One would end the test.
-    reopen_descriptor_zero();
     const std::set<std::string> descriptors = open_descriptors();
     int points = 0;
     int runs = 0;
     for (const Scenario& scenario : scenarios()) {
-        underneath::describe(scenario.name + ", without a fault");
+        describe(scenario.name + ", without a fault");
         torture(scenario, {}, descriptors);
         Call previous = Call::none;
         for (const FaultKind& kind : kFaultKinds) {
@@ -280,10 +247,9 @@ int main(int argc, char** argv) {
                 int fired = 0;
                 do {
                     ++first;
-                    underneath::describe(scenario.name + ", " + kind.name + " returns " +
-                                         std::to_string(kind.result) + " (" + std::strerror(kind.error) +
-                                         ") at call " + std::to_string(first) +
-                                         (count == 1 ? "" : " and all after it"));
+                    describe(scenario.name + ", " + kind.name + " returns " + std::to_string(kind.result) +
+                             " (" + std::strerror(kind.error) + ") at call " + std::to_string(first) +
+                             (count == 1 ? "" : " and all after it"));
                     alarm(60);
                     fired =
                         torture(scenario, {kind.call, kind.result, kind.error, first, count}, descriptors);
