@@ -4,10 +4,6 @@
 
 namespace kit {
 
-void ExpectTraffic(const std::vector<std::string>& events) {
-    EXPECT_EQ(journal().events({"build_request", "send_request", "publish", "reply", "sleep"}), events);
-}
-
 void AwaitEndOfRun(const std::string& event, std::size_t times) {
     Await(event, times);
     // The worker waits in select() once more after the run.

@@ -18,11 +18,6 @@
 
 namespace kit {
 
-/// Fails the test unless this is all that the handler did so far: requests, published messages, replies and
-/// pauses, in order. Responses given back are not part of it: the worker may act on a result before its
-/// response is given back.
-void ExpectTraffic(const std::vector<std::string>& events);
-
 /// Waits until the event has happened `times` times and the worker has ended the run in which it did: until
 /// then the next command would be refused.
 void AwaitEndOfRun(const std::string& event, std::size_t times = 1);

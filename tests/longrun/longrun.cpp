@@ -1,33 +1,28 @@
-// Many registrations in one process, with faults drawn from a seed: each command ends as the oracle says, and memory,
-// descriptors and threads stay what they were.
+// Many registrations in one process, with faults drawn from a seed: each command ends as the oracle says, and
+// memory, descriptors and threads stay what they were.
 //
 //   longrun [REGISTRATIONS [SEED]]
 
 #include <malloc.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <random>
 #include <string>
-#include <vector>
 
+#include "compared_host.h"
 #include "cvutils/log.h"
 #include "cvutils_stand_in.h"
 #include "handler_library.h"
 #include "journal.h"
-#include "idle_system.h"
-#include "oracle.h"
 #include "process.h"
-#include "scripted_host.h"
+#include "scripted_calls.h"
 #include "texts.h"
 
 using namespace kit;
-using Operation = ScriptedHost::Operation;
-using Worker = Oracle::Worker;
 
 namespace {
 
@@ -41,23 +36,12 @@ const std::string kGoodBox = text::answer("device_id", "the device identity of t
 constexpr long kHeapTolerance = 16 * 1024;
 constexpr long kResidentTolerance = 1024;
 
-/// The worker's pauses are recorded, and over at once.
-class RecordingSystem : public IdleSystem {
-    unsigned int sleep(unsigned int seconds) override {
-        journal().record("sleep " + std::to_string(seconds));
-        return 0;
-    }
-};
-
-RecordingSystem underneath;
 unsigned seed = 1;
 long commands = 0;
 
 [[noreturn]] void fail(const std::string& message) {
-    for (const std::string& event : journal().events()) {
-        std::fprintf(stderr, "  %s\n", event.c_str());
-    }
-    die("longrun: seed " + std::to_string(seed) + ", command " + std::to_string(commands) + ": " + message);
+    std::fprintf(stderr, "longrun: seed %u, command %ld: %s\n", seed, commands, message.c_str());
+    std::_Exit(1);
 }
 
 void compare(const std::string& what, std::size_t there, std::size_t at_first) {
@@ -78,40 +62,26 @@ long heap_in_use() {
     return static_cast<long>(mallinfo2().uordblks);
 }
 
-/// A daemon with its cloud, and the oracle beside them: what fails is drawn before it happens.
+/// A daemon whose faults are drawn.
 class Daemon {
 public:
-    Daemon(CvHandlerAPI& daemons_handler, std::mt19937& generator)
-        : handler(daemons_handler), random(generator), oracle({3, 1}) {
-        cloud.partner_id = oracle.settings.partner_id = "the partner's identifier";
-        reset_cvutils();
-        store(oracle.settings);
-        std::vector<std::string> subscribed;
-        if (handler.init(&cloud, subscribed) == 0) {
-            fail("init() failed");
-        }
-        oracle.start_up();
-        underneath.idle.wait();
+    Daemon(CvHandlerAPI& handler, std::mt19937& generator) : random(generator), host(handler, settings()) {
+        host.succeeds = [this](ScriptedHost::Operation) { return !one_in(10); };
     }
-
-    ~Daemon() {
-        handler.uninit();
-    }
-
-    Daemon(const Daemon&) = delete;
-    Daemon& operator=(const Daemon&) = delete;
 
     /// One command of the requester's, up to its end.
     void do_command() {
         ++commands;
         cv::log::current_level = one_in(16) ? 3 : 0;
-        const bool has_failed = oracle.snapshot().state == 5;
+        const bool has_failed = host.expected().snapshot().state == 5;
         const bool is_retry = has_failed ? !one_in(3) : one_in(20);
-        const std::string payload = kPayload + (one_in(2) ? R"(partner"})" : R"(temporary"})");
-        send(is_retry ? text::kRetryCommand : text::kStartCommand, payload);
-        while (oracle.snapshot().in_progress) {
+        send(is_retry ? text::kRetryCommand : text::kStartCommand,
+             kPayload + (one_in(2) ? R"(partner"})" : R"(temporary"})"));
+        ++(host.accepted() ? accepted : refused);
+        while (host.expected().snapshot().in_progress) {
             if (one_in(20)) {
                 send(text::kStartCommand, "no matter what");
+                ++refused;
             } else {
                 answer();
             }
@@ -121,30 +91,33 @@ public:
     long accepted = 0;
     long refused = 0;
     long succeeded() const {
-        return oracle.successes();
+        return host.expected().successes();
     }
 
 private:
+    static Settings settings() {
+        Settings settings;
+        settings.retry_num = 3;
+        settings.partner_id = "the partner's identifier";
+        return settings;
+    }
+
     bool one_in(unsigned int chances) {
         return random() % chances == 0;
     }
 
+    static void expect_none(const std::string& difference) {
+        if (!difference.empty()) {
+            fail(difference);
+        }
+    }
+
     void send(const std::string& name, const std::string& payload) {
-        const int type = one_in(2) ? kWithReply : kWithoutReply;
-        ++request_id;
-        oracle.command(type, name, request_id, payload);
-        const bool is_accepted = oracle.snapshot().wake_ups != 0;
-        ++(is_accepted ? accepted : refused);
-        play_worker();
-        send_command(handler, name, payload, type, request_id);
-        compare_effects(is_accepted);
+        expect_none(host.command(one_in(2) ? kWithReply : kWithoutReply, name, ++request_id, payload));
     }
 
     void answer() {
-        if (oracle.outstanding() != 1 || cloud.outstanding().size() != 1) {
-            fail("there should be exactly one request");
-        }
-        const bool login = cloud.outstanding().front().service == text::kLoginService;
+        const bool login = host.outstanding().at(0).service == text::kLoginService;
         Answer given = {login ? kGoodLogin : kGoodBox};
         if (one_in(4)) {
             const char* const bodies[] = {"", "<html>", "{}",
@@ -156,81 +129,11 @@ private:
                 given.body = bodies[random() % std::size(bodies)];
             }
         }
-        oracle.respond(0, given.status, given.body);
-        play_worker();
-        if (!(one_in(8) ? cloud.answer_from_own_thread(given) : cloud.answer(given))) {
-            fail("there is no request to answer");
-        }
-        compare_effects(true);
+        expect_none(host.respond(given, one_in(8)));
     }
 
-    /// Draws what comes of each call that the worker is about to make, for the cloud and for the oracle.
-    void play_worker() {
-        if (oracle.snapshot().wake_ups == 0) {
-            return;
-        }
-        oracle.run();
-        const auto drawn = [this](Operation operation, unsigned int chances) {
-            const int result = one_in(chances) ? (one_in(2) ? 1 : -1) : 0;
-            cloud.script(operation, result);
-            return result == 0;
-        };
-        while (oracle.worker() != Worker::waiting) {
-            switch (oracle.worker()) {
-            case Worker::pausing:
-                oracle.pause_over();
-                break;
-            case Worker::building:
-                oracle.built(drawn(Operation::build, 10));
-                break;
-            case Worker::sending: {
-                const bool accepted_by_cloud = drawn(Operation::send, 10);
-                if (accepted_by_cloud) {
-                    oracle.accept();
-                }
-                oracle.sent(accepted_by_cloud);
-                break;
-            }
-            case Worker::publishing:
-                oracle.published(drawn(Operation::publish, 10));
-                break;
-            default:
-                oracle.replied();
-            }
-        }
-    }
-
-    /// After the worker's run, if there is one.
-    void compare_effects(bool worker_runs) {
-        if (worker_runs) {
-            underneath.idle.wait();
-        }
-        // The callback may give the response back after the worker has gone on.
-        std::vector<std::string>& due = oracle.effects;
-        due.erase(std::remove_if(due.begin(), due.end(),
-                                 [](const std::string& effect) {
-                                     return effect == "wake-up" || effect == "release_response" ||
-                                            (cv::log::current_level == 0 && effect.rfind("log 1", 0) == 0);
-                                 }),
-                  due.end());
-        if (due != journal().events({"build_request", "send_request", "publish", "reply", "sleep", "log 0", "log 1"})) {
-            for (const std::string& effect : due) {
-                std::fprintf(stderr, "  due: %s\n", effect.c_str());
-            }
-            fail("these effects were due, and the following were seen");
-        }
-        if (cloud.lent_responses() != 0 || cloud.outstanding().size() != oracle.outstanding() ||
-            cloud.user_token != oracle.snapshot().user_token || cloud.device_id != oracle.snapshot().device_id) {
-            fail("a response is left, or a request, or the cloud access object's identity is another");
-        }
-        due.clear();
-        journal().clear();
-    }
-
-    CvHandlerAPI& handler;
     std::mt19937& random;
-    ScriptedHost cloud;
-    Oracle oracle;
+    ComparedHost host;
     unsigned long long request_id = 0;
 };
 
@@ -251,7 +154,7 @@ int main(int argc, char** argv) {
     const long registrations = argc > 1 ? positive_number(argv[1]) : 100000;
     seed = argc > 2 ? static_cast<unsigned>(positive_number(argv[2])) : 1;
     std::mt19937 random(seed);
-    put_in_front(&underneath);
+    calls::reset(false);
     const HandlerLibrary library;
 
     // The daemon is a new one now and then: the scripted host keeps what it sent.
@@ -289,11 +192,12 @@ int main(int argc, char** argv) {
     const long heap_growth = heap_in_use() - warm_heap;
     const long resident_growth = resident_kilobytes() - warm_resident;
     if (heap_growth > kHeapTolerance || resident_growth > kResidentTolerance) {
-        fail("after the first tenth the heap grew by " + std::to_string(heap_growth) + " bytes, the process by " +
-             std::to_string(resident_growth) + " kB");
+        fail("after the first tenth the heap grew by " + std::to_string(heap_growth) +
+             " bytes, the process by " + std::to_string(resident_growth) + " kB");
     }
-    std::printf("longrun: %ld registrations, %ld succeeded, %ld commands refused, seed %u: each as the oracle says; "
-                "heap %+ld bytes, resident %+ld kB, descriptors and threads unchanged\n",
-                accepted, succeeded, refused, seed, heap_growth, resident_growth);
+    std::printf(
+        "longrun: %ld registrations, %ld succeeded, %ld commands refused, seed %u: each as the oracle says; "
+        "heap %+ld bytes, resident %+ld kB, descriptors and threads unchanged\n",
+        accepted, succeeded, refused, seed, heap_growth, resident_growth);
     return 0;
 }

@@ -2,7 +2,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <memory>
 #include <optional>
 
 #include "module_test.h"
@@ -15,7 +14,7 @@ namespace {
 static_assert(sizeof mandatory_cloud_handler == 1);
 static_assert(sizeof(HandlerAPI_impl) == sizeof(void*)); // A virtual table and no data members.
 
-constexpr std::int32_t kRequest = 2;
+constexpr std::int32_t kRequest = kWithReply;
 
 const Events kCommands = {"start_cloud_registration", "retry_cloud_registration"};
 
@@ -98,7 +97,7 @@ TEST_F(EntryPointTest, InitRefusesToWorkWithoutACloudAccessObject) {
     g_cvcloud_api = &cloud; // Of an earlier init().
     commands = {"other"};
     EXPECT_EQ(api->init(nullptr, commands), 0);
-    EXPECT_EQ(events(), Events{"log 0 init: There was an error while cloning cvcloud_api"});
+    EXPECT_EQ(events(), Events{text::kNoCloudAccess});
     EXPECT_EQ(g_cvcloud_api, nullptr);
     EXPECT_EQ(g_registration_handler, nullptr);
     EXPECT_EQ(commands, Events{"other"});
@@ -109,7 +108,7 @@ TEST_F(EntryPointTest, InitWithoutACloudAccessObjectSaysSoBeforeItEndsWhatIsTher
     Await("select");
     journal().clear();
     EXPECT_EQ(api->init(nullptr, commands), 0);
-    EXPECT_EQ(events().front(), "log 0 init: There was an error while cloning cvcloud_api");
+    EXPECT_EQ(events().front(), text::kNoCloudAccess);
     EXPECT_EQ(events().back(), "delete " + size_of_handler);
     EXPECT_EQ(g_registration_handler, nullptr);
 }
@@ -119,8 +118,7 @@ TEST_F(EntryPointTest, InitFailsWithoutMemoryForTheRegistrationObject) {
     g_registration_handler = &foreign; // It must not be taken for the object that could not be created.
     calls::fail_next(Call::new_nothrow);
     EXPECT_EQ(init(), 0);
-    EXPECT_EQ(events(), (Events{"new " + size_of_handler,
-                                "log 0 init: There was an error while creating a RegistrationHandler obj"}));
+    EXPECT_EQ(events(), (Events{"new " + size_of_handler, text::kNoHandler}));
     EXPECT_EQ(g_cvcloud_api, &cloud);
     EXPECT_EQ(g_registration_handler, nullptr);
     EXPECT_EQ(commands, Events{});
@@ -132,8 +130,8 @@ TEST_F(EntryPointTest, InitDestroysTheRegistrationObjectWhenTheWorkerCannotBeSta
     // In memory that was dirty before: a worker that was never started must not be joined.
     EXPECT_EQ(init(), 0);
     EXPECT_EQ(events({"log 0", "log 2", "close", "delete"}),
-              (Events{"log 0 init_pipes: Failed to create pipe: Too many open files", "close 0", "close 0",
-                      "close 0", "close 0", // uninit() closes the unopened pipes once more.
+              (Events{text::no_pipe("Too many open files"), "close 0", "close 0", "close 0",
+                      "close 0", // uninit() closes the unopened pipes once more.
                       "delete " + size_of_handler}));
     EXPECT_EQ(g_registration_handler, nullptr);
     EXPECT_EQ(g_cvcloud_api, &cloud);
@@ -213,18 +211,9 @@ protected:
         cloud.device_id = "earlier id";
     }
 
-    /// Delivers one command, whose payload does not outlive the call and has no NUL behind it.
     void handle(std::int32_t type, const std::string& name, unsigned long long request_id,
                 const std::string& payload = "") {
-        const auto bytes = std::make_unique<char[]>(payload.length());
-        std::memcpy(bytes.get(), payload.data(), payload.length());
-        Message message = {};
-        message.type = type;
-        name.copy(message.name, sizeof message.name - 1);
-        message.request_id = request_id;
-        message.payload_len = static_cast<std::uint32_t>(payload.length());
-        message.payload = bytes.get();
-        api->handle(&message);
+        send_command(*api, name, payload, type, request_id);
     }
 
     void start(const std::string& payload, std::int32_t type = kRequest, unsigned long long request_id = 7) {
@@ -240,32 +229,42 @@ protected:
         Await("select", times);
     }
 
+    /// Delivers a command whose requests are answered with these before their sends return, and waits for the
+    /// worker.
+    template <typename Deliver>
+    void answer(const std::vector<Answer>& answers, Deliver deliver) {
+        journal().clear();
+        for (const Answer& given : answers) {
+            cloud.answer_inside_next_send(given);
+        }
+        deliver();
+        await_worker(answers.size() + 1);
+    }
+
     /// What the daemon and the cloud saw.
     static Events outside() {
         return events({"build_request", "send_request", "sleep", "publish", "reply"});
-    }
-
-    static std::string refusal_line(const std::string& response) {
-        return "log 1 handle: Could not handle request. Sending response: \"" + response + "\"";
     }
 
     const std::string received = "log 2 parse_message: Received start_cloud_registration message";
     const std::string partner = R"({"token": "t", "token_type": "partner", "register_mac_address": "0a:1b"})";
     const std::string temporary =
         R"({"token": "t", "token_type": "temporary", "register_mac_address": "0a:1b"})";
-    const std::string connect_request =
-        R"(build_request connect {"partner_user_token": "t", "partner_id": "p"} fields=no)";
-    const std::string device_token_request =
-        "build_request get_device_token (none) fields=yes user_token=t device_id=thebox";
-    const std::string register_request =
+    const Events connect = {
+        R"(build_request connect {"partner_user_token": "t", "partner_id": "p"} fields=no)",
+        "send_request connect/login"};
+    const Events get_device_token = {
+        "build_request get_device_token (none) fields=yes user_token=t device_id=thebox",
+        "send_request connect/login"};
+    const Events register_box = {
         R"(build_request register_box {"macs": ["0A:1B"], "box_detected_name": "Corvane Orlo", )"
-        R"("setup_type": "STANDALONE", "device_model": "orlov2"} fields=yes user_token=u device_id=thebox)";
-    const std::string done = R"({"result": "ok", "user_token": "u", "device_id": "d"})";
+        R"("setup_type": "STANDALONE", "device_model": "orlov2"} fields=yes user_token=u device_id=thebox)",
+        "send_request connect/box_mgmt"};
+    const std::string done = text::done("u", "d");
+    const Events finish = {publish_event(done)};
     const Answer user_token = {R"({"result": {"user_token": "u"}})"};
     const Answer device_id = {R"({"result": {"device_id": "d"}})"};
     const Answer refused_login = {R"({"error": {"message": "unknown token"}})"};
-    const std::string in_progress =
-        error_reply("error_in_progress", "Another registration process is in progress");
 };
 
 TEST_F(CommandTest, AnUnknownCommandIsAnswered) {
@@ -273,8 +272,8 @@ TEST_F(CommandTest, AnUnknownCommandIsAnswered) {
          {"ping", "", "start_cloud_registration2", "retry_cloud_registratio", "Start_cloud_registration"}) {
         journal().clear();
         handle(kRequest, name, 3);
-        const std::string response = error_reply("error_other", "Unexpected message: " + name);
-        EXPECT_EQ(events(), (Events{refusal_line(response), "reply 3 " + response}));
+        const std::string response = text::unexpected(name);
+        EXPECT_EQ(events(), (Events{text::refusal(response), "reply 3 " + response}));
     }
 }
 
@@ -290,8 +289,7 @@ TEST_F(CommandTest, AnUnknownCommandOfAnotherKindIsDroppedSilently) {
 class RefusedStartTest : public CommandTest {
 protected:
     /// A refusal is answered and changes nothing.
-    void expect_refused(const std::string& payload, const std::string& result, const std::string& reason,
-                        const Events& before = {}) {
+    void expect_refused(const std::string& payload, const std::string& response, const Events& before) {
         SCOPED_TRACE(payload);
         RegistrationHandler& handler = *g_registration_handler;
         handler.state = RegistrationHandler::FAIL;
@@ -307,8 +305,7 @@ protected:
             Events expected = {received};
             expected.insert(expected.end(), before.begin(), before.end());
             if (type == kRequest) {
-                const std::string response = error_reply(result, reason);
-                expected.push_back(refusal_line(response));
+                expected.push_back(text::refusal(response));
                 expected.push_back("reply 7 " + response);
             }
             EXPECT_EQ(events(), expected);
@@ -326,15 +323,14 @@ protected:
         }
     }
 
-    void expect_invalid(const std::string& payload, const std::string& reason) {
-        expect_refused(payload, "error_invalid_arguments", reason, {"release document"});
+    void expect_invalid(const std::string& payload, const std::string& response) {
+        expect_refused(payload, response, {"release document"});
     }
 };
 
 TEST_F(RefusedStartTest, APayloadThatIsNotJsonIsQuoted) {
     for (const std::string payload : {"nonsense", "", R"({"token": )", R"("a text")"}) {
-        expect_refused(payload, "error_invalid_arguments", "Could not parse input into a JSON",
-                       {"log 1 parse_message: Could not parse \"" + payload + "\""});
+        expect_refused(payload, text::kNotJson, {text::cannot_parse(payload)});
     }
 }
 
@@ -344,36 +340,35 @@ TEST_F(RefusedStartTest, APayloadThatIsNotThereIsNotJson) {
     std::strcpy(message.name, "start_cloud_registration");
     message.request_id = 7;
     api->handle(&message);
-    EXPECT_EQ(events({"reply"}), Events{"reply 7 " + error_reply("error_invalid_arguments",
-                                                                 "Could not parse input into a JSON")});
+    EXPECT_EQ(events({"reply"}), Events{"reply 7 " + text::kNotJson});
 }
 
 TEST_F(RefusedStartTest, TheTokenHasToBeAString) {
-    expect_invalid(R"({})", "token not found");
-    expect_invalid(R"([])", "token not found");
-    expect_invalid(R"({"token": 5, "token_type": "partner"})", "token not found");
+    expect_invalid(R"({})", text::kNoToken);
+    expect_invalid(R"([])", text::kNoToken);
+    expect_invalid(R"({"token": 5, "token_type": "partner"})", text::kNoToken);
 }
 
 TEST_F(RefusedStartTest, TheTokenTypeHasToBeAString) {
-    expect_invalid(R"({"token": ""})", "token_type not found");
-    expect_invalid(R"({"token": "t", "token_type": null})", "token_type not found");
+    expect_invalid(R"({"token": ""})", text::kNoTokenType);
+    expect_invalid(R"({"token": "t", "token_type": null})", text::kNoTokenType);
 }
 
 TEST_F(RefusedStartTest, NeitherMayBeEmpty) {
-    expect_invalid(R"({"token": "", "token_type": ""})", "empty token");
-    expect_invalid(R"({"token": "t", "token_type": ""})", "empty token_type");
+    expect_invalid(R"({"token": "", "token_type": ""})", text::kEmptyToken);
+    expect_invalid(R"({"token": "t", "token_type": ""})", text::kEmptyTokenType);
 }
 
 TEST_F(RefusedStartTest, TheTokenTypeIsExact) {
     for (const std::string token_type : {"Temporary", "PARTNER", "partner ", "other"}) {
-        expect_invalid(R"({"token": "t", "token_type": ")" + token_type + R"("})", "invalid token_type");
+        expect_invalid(R"({"token": "t", "token_type": ")" + token_type + R"("})", text::kInvalidTokenType);
     }
 }
 
 TEST_F(RefusedStartTest, TheBoxHasToHaveAMacAddress) {
     set_mac_address(std::nullopt);
-    expect_refused(R"({"token": "t", "token_type": "partner"})", "error_internal",
-                   "Could not determine MAC address", {"release document", "get_mac_address eth2"});
+    expect_refused(R"({"token": "t", "token_type": "partner"})", text::kNoMac,
+                   {"release document", "get_mac_address eth2"});
 }
 
 TEST_F(RefusedStartTest, AnotherRegistrationIsRefusedBeforeAnythingElse) {
@@ -385,7 +380,7 @@ TEST_F(RefusedStartTest, AnotherRegistrationIsRefusedBeforeAnythingElse) {
             journal().clear();
             handle(type, name, 9, "nonsense");
             EXPECT_EQ(events(), type == kRequest
-                                    ? (Events{refusal_line(in_progress), "reply 9 " + in_progress})
+                                    ? (Events{text::refusal(text::kBusy), "reply 9 " + text::kBusy})
                                     : Events{});
             EXPECT_EQ(g_registration_handler->request_id, 7U);
         }
@@ -398,8 +393,7 @@ TEST_F(RefusedStartTest, ParametersThatTheRegistrationRefusesAreAnsweredWithAnEm
     handler.state = RegistrationHandler::FAIL;
     handler.error_response = "earlier";
     start(partner);
-    EXPECT_EQ(log_events(), (Events{received, "log 0 set_input_params: BUG: Unknown token type: partner",
-                                    refusal_line("")}));
+    EXPECT_EQ(log_events(), (Events{received, text::unknown_token_type("partner"), text::refusal("")}));
     EXPECT_EQ(events({"reply", "write"}), Events{"reply 7 "});
     // Refused after the reset, with the request recorded.
     EXPECT_EQ(handler.state, RegistrationHandler::LOGIN);
@@ -468,7 +462,7 @@ TEST_F(CommandTest, AStartReleasesItsPayloadBeforeItLooksForTheMacAddress) {
                              "mac=0A:1B:2C:3D:4E:5F, token_type=partner"}));
 }
 
-TEST_F(CommandTest, APartnerTokenIsRegisteredAndAnswered) {
+TEST_F(CommandTest, ARegistrationIsAnsweredFromTheCloudsOwnThread) {
     start(partner, kRequest, 0xfedcba9876543210);
     Await("send_request connect/login");
     EXPECT_EQ(cloud.outstanding().at(0).request_id, 0xfedcba9876543210);
@@ -477,53 +471,21 @@ TEST_F(CommandTest, APartnerTokenIsRegisteredAndAnswered) {
     EXPECT_EQ(cloud.outstanding().at(0).request_id, 0xfedcba9876543210);
     ASSERT_TRUE(cloud.answer_from_own_thread(device_id));
     await_worker(3);
-    EXPECT_EQ(outside(), (Events{
-                             connect_request,
-                             "send_request connect/login",
-                             register_request,
-                             "send_request connect/box_mgmt",
-                             "publish cloud_registration_done " + done,
-                             "reply 18364758544493064720 " + done,
-                         }));
+    EXPECT_EQ(outside(), joined({connect, register_box, finish, {"reply 18364758544493064720 " + done}}));
     EXPECT_EQ(cloud.user_token, "u");
     EXPECT_EQ(cloud.device_id, "d");
     EXPECT_FALSE(g_registration_handler->registration_in_progress);
 }
 
-TEST_F(CommandTest, ATemporaryTokenIsRegisteredWithoutAnAnswerThatNobodyWaitsFor) {
-    start(temporary, 0);
-    Await("send_request connect/login");
-    ASSERT_TRUE(cloud.answer_from_own_thread(user_token));
-    Await("send_request connect/box_mgmt");
-    ASSERT_TRUE(cloud.answer_from_own_thread(device_id));
-    await_worker(3);
-    EXPECT_EQ(outside(), (Events{
-                             device_token_request,
-                             "send_request connect/login",
-                             register_request,
-                             "send_request connect/box_mgmt",
-                             "publish cloud_registration_done " + done,
-                         }));
-}
-
-TEST_F(CommandTest, ACloudThatAnswersAtOnceIsNotTooFast) {
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
-    start(partner);
-    await_worker(3);
-    EXPECT_EQ(events({"publish", "reply"}),
-              (Events{"publish cloud_registration_done " + done, "reply 7 " + done}));
-}
-
 TEST_F(CommandTest, AFinishedRegistrationMakesRoomForTheNext) {
     for (const std::string& payload : {partner, temporary, partner}) {
-        journal().clear();
-        cloud.answer_inside_next_send(user_token);
-        cloud.answer_inside_next_send(device_id);
-        start(payload);
-        await_worker(3);
-        EXPECT_EQ(outside().at(0), payload == partner ? connect_request : device_token_request);
-        EXPECT_EQ(outside().back(), "reply 7 " + done);
+        answer({user_token, device_id}, [&] { start(payload); });
+        EXPECT_EQ(outside(), joined({payload == partner ? connect : get_device_token,
+                                     register_box,
+                                     finish,
+                                     {"reply 7 " + done}}));
+        answer({user_token, device_id}, [&] { start(payload, 0); });
+        EXPECT_EQ(outside(), joined({payload == partner ? connect : get_device_token, register_box, finish}));
     }
 }
 
@@ -533,123 +495,66 @@ class FailedRunTest : public CommandTest {
 protected:
     /// A registration for which the cloud refuses the login as often as it is asked.
     void fail_login(std::int32_t type) {
-        for (int attempt = 0; attempt < 4; ++attempt) {
-            cloud.answer_inside_next_send(refused_login);
-        }
-        start(partner, type);
-        await_worker(5);
+        answer({refused_login, refused_login, refused_login, refused_login}, [&] { start(partner, type); });
     }
 
-    const std::string error = error_reply("error_connect", "unknown token");
+    const std::string error = text::error_reply("error_connect", "unknown token");
+    const Events pause = {"sleep 1"};
 };
 
 TEST_F(FailedRunTest, AnswersTheLastErrorWhenTheTriesAreUsedUp) {
     fail_login(kRequest);
-    EXPECT_EQ(outside(), (Events{
-                             connect_request,
-                             "send_request connect/login",
-                             "sleep 1",
-                             connect_request,
-                             "send_request connect/login",
-                             "sleep 1",
-                             connect_request,
-                             "send_request connect/login",
-                             "sleep 1",
-                             connect_request,
-                             "send_request connect/login",
-                             "reply 7 " + error,
-                         }));
+    EXPECT_EQ(outside(),
+              joined({connect, pause, connect, pause, connect, pause, connect, {"reply 7 " + error}}));
     EXPECT_FALSE(g_registration_handler->registration_in_progress);
 }
 
-TEST_F(FailedRunTest, IsResumedAtTheLogin) {
+TEST_F(FailedRunTest, IsResumedAtTheLoginWithAFreshBudget) {
     fail_login(kRequest);
-    journal().clear();
-    cloud.answer_inside_next_send(refused_login); // The budget is fresh.
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
-    retry();
-    await_worker(4);
-    EXPECT_EQ(outside(), (Events{
-                             connect_request,
-                             "send_request connect/login",
-                             "sleep 1",
-                             connect_request,
-                             "send_request connect/login",
-                             register_request,
-                             "send_request connect/box_mgmt",
-                             "publish cloud_registration_done " + done,
-                             "reply 8 " + done,
-                         }));
+    answer({refused_login, user_token, device_id}, [&] { retry(); });
+    EXPECT_EQ(outside(), joined({connect, pause, connect, register_box, finish, {"reply 8 " + done}}));
 }
 
-TEST_F(FailedRunTest, IsAnsweredToARetryThatDidNotAskWhenTheStartDid) {
+TEST_F(FailedRunTest, IsAnsweredWhenTheStartOrTheRetryAsked) {
     fail_login(kRequest);
-    journal().clear();
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
-    retry(1, 8);
-    await_worker(3);
+    answer({user_token, device_id}, [&] { retry(1, 8); });
     EXPECT_EQ(events({"reply"}), Events{"reply 8 " + done});
-}
-
-TEST_F(FailedRunTest, IsAnsweredToARetryThatAsksWhenTheStartDidNot) {
     fail_login(1);
     EXPECT_EQ(events({"reply"}), Events{});
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
-    retry();
-    await_worker(8);
+    answer({user_token, device_id}, [&] { retry(); });
     EXPECT_EQ(events({"reply"}), Events{"reply 8 " + done});
 }
 
 TEST_F(FailedRunTest, IsForgottenByTheNextStart) {
     fail_login(kRequest);
-    journal().clear();
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
-    start(partner, 1, 9);
-    await_worker(3);
-    EXPECT_EQ(events({"publish", "reply"}), Events{"publish cloud_registration_done " + done});
+    answer({user_token, device_id}, [&] { start(partner, 1, 9); });
+    EXPECT_EQ(events({"publish", "reply"}), finish);
 }
 
 TEST_F(FailedRunTest, IsResumedAtTheBoxRegistration) {
-    cloud.answer_inside_next_send(user_token);
-    for (int attempt = 0; attempt < 4; ++attempt) {
-        cloud.answer_inside_next_send({"", 5});
-    }
-    start(temporary);
-    await_worker(6);
-    EXPECT_EQ(outside().back(), "reply 7 " + error_reply("error_cvnc", "Response status 5"));
+    const Answer status = {"", 5};
+    answer({user_token, status, status, status, status}, [&] { start(temporary); });
+    EXPECT_EQ(outside().back(), "reply 7 " + text::status(5));
     EXPECT_EQ(cloud.device_id, "thebox");
-    journal().clear();
-    cloud.answer_inside_next_send(device_id);
-    retry();
-    await_worker(2);
-    EXPECT_EQ(outside(), (Events{register_request, "send_request connect/box_mgmt",
-                                 "publish cloud_registration_done " + done, "reply 8 " + done}));
+    answer({device_id}, [&] { retry(); });
+    EXPECT_EQ(outside(), joined({register_box, finish, {"reply 8 " + done}}));
 }
 
 TEST_F(FailedRunTest, IsResumedAtTheEndWhenOnlyPublishingFailed) {
-    cloud.answer_inside_next_send(user_token);
-    cloud.answer_inside_next_send(device_id);
     cloud.fail_next_publish();
-    start(partner);
-    await_worker(3);
-    EXPECT_EQ(outside().back(), "reply 7 " + error_reply("error_internal", "cvex error"));
-    journal().clear();
-    retry();
-    await_worker(1);
-    EXPECT_EQ(outside(), (Events{"publish cloud_registration_done " + done, "reply 8 " + done}));
+    answer({user_token, device_id}, [&] { start(partner); });
+    EXPECT_EQ(outside().back(), "reply 7 " + text::kNotPublished);
+    answer({}, [&] { retry(); });
+    EXPECT_EQ(outside(), joined({finish, {"reply 8 " + done}}));
 }
 
 // ---- Retries of nothing
 
 TEST_F(CommandTest, ARetryOfNothingIsRecordedThenRefused) {
     retry();
-    const std::string response = error_reply("error_other", "Retry called, but current state is not FAIL");
+    const std::string response = text::kNotFailed;
     // Its payload is no JSON, and nobody says so.
-    EXPECT_EQ(events(), (Events{refusal_line(response), "reply 8 " + response}));
+    EXPECT_EQ(events(), (Events{text::refusal(response), "reply 8 " + response}));
     EXPECT_TRUE(g_registration_handler->reply_requested);
     EXPECT_EQ(g_registration_handler->request_id, 8U);
     journal().clear();

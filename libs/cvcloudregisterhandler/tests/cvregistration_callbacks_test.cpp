@@ -2,7 +2,6 @@
 
 #include <new>
 
-#include "cvregistration_constants.h"
 #include "module_test.h"
 
 using namespace cv::registration;
@@ -10,256 +9,171 @@ using namespace kit;
 
 namespace {
 
-/// A response that holds no wanted value, and what the registration learns of it.
-struct Failure {
-    Answer answer;
+/// One of the two exchanges, and what is its callback's own.
+struct Exchange {
+    cvtessel_callback callback;
+    std::string first_method;
+    std::string title;
+    std::string key;
+    std::string function;
     std::string result;
-    std::string reason;
-    bool is_document = true;
+    std::string missing;
+    std::string invalid;
+    RegistrationHandler::StepProgress RegistrationHandler::*progress;
+    std::string CvCloudAPI::*identity;
+    /// The exchange is closed before its result is reported, or after.
+    bool closes_first;
 };
 
-class CallbackTest : public HandlerTest {
+const Exchange kConnectExchange = {get_user_token_callback,
+                                   "connect",
+                                   "connect response:",
+                                   "user_token",
+                                   "extract_token",
+                                   "error_connect",
+                                   text::kNoUserToken,
+                                   text::kInvalidUserToken,
+                                   &RegistrationHandler::login_progress,
+                                   &CvCloudAPI::user_token,
+                                   true};
+
+// Every failure is named after the login step of the run; all that is not "connect" counts as the other one.
+Exchange other_login(const std::string& first_method) {
+    Exchange exchange = kConnectExchange;
+    exchange.first_method = first_method;
+    exchange.title = first_method + " response:";
+    exchange.result = "error_get_device_token";
+    return exchange;
+}
+
+const Exchange kRegisterBoxExchange = {register_box_callback,
+                                       "connect",
+                                       "register_box response: ",
+                                       "device_id",
+                                       "register_box_callback",
+                                       "error_register_box",
+                                       text::kNoDeviceId,
+                                       text::kInvalidDeviceId,
+                                       &RegistrationHandler::register_progress,
+                                       &CvCloudAPI::device_id,
+                                       false};
+
+class CallbackTest : public HandlerTest, public testing::WithParamInterface<Exchange> {
 protected:
+    CallbackTest() {
+        cloud.*exchange.identity = "earlier";
+        handler.first_method = exchange.first_method;
+    }
+
     /// Delivers the answer of an accepted request, and nothing else is in the journal.
-    void deliver(cvtessel_callback callback, const Answer& answer) {
-        cloud.send_request("", "", callback, new (std::nothrow) unsigned long long(7));
+    void deliver(const Answer& answer) {
+        handler.error_response = "earlier";
+        (handler.*exchange.progress).value = "earlier";
+        cloud.send_request("", "", exchange.callback, new (std::nothrow) unsigned long long(7));
         journal().clear();
         ASSERT_TRUE(cloud.answer(answer));
     }
 
-    /// What the wake-up leaves in the journal.
-    Events wake_up() const {
+    std::string body(const std::string& value) const {
+        return R"({"result": {")" + exchange.key + R"(": )" + value + R"(}, "error": {"message": "m"}})";
+    }
+
+    void expect(const Answer& answer, const std::string& value, const std::string& error, bool is_document) {
+        SCOPED_TRACE(answer.body);
+        (handler.*exchange.progress).succeeded = !error.empty();
+        deliver(answer);
+        const Events document = {"log_json 2 " + exchange.title + "|" + answer.body, "release document"};
+        const Events close = {"delete 8", "release_response"};
+        const Events failure = {"log 0 " + exchange.function + ": " + error};
         const std::string descriptor = std::to_string(handler.thread.run_pipe[1]);
-        return {
-            "poll " + descriptor + " for writing, timeout 0",
-            "write " + descriptor + " x",
-            "log 3 run: Wrote run byte on fd " + descriptor + " (1)",
-        };
-    }
-
-    static Events joined(const std::vector<Events>& parts) {
-        Events all;
-        for (const Events& part : parts) {
-            all.insert(all.end(), part.begin(), part.end());
-        }
-        return all;
-    }
-
-    void expect_reported(const RegistrationHandler::StepProgress& progress, const std::string& value,
-                         bool succeeded, const std::string& error) const {
-        EXPECT_EQ(progress.value, value);
-        EXPECT_EQ(progress.succeeded, succeeded);
+        const Events wake_up = {"poll " + descriptor + " for writing, timeout 0",
+                                "write " + descriptor + " x",
+                                "log 3 run: Wrote run byte on fd " + descriptor + " (1)"};
+        EXPECT_EQ(
+            events(),
+            joined({is_document ? document : Events{}, exchange.closes_first ? close : Events{},
+                    error.empty() ? Events{} : failure, wake_up, exchange.closes_first ? Events{} : close}));
+        EXPECT_EQ(cloud.*exchange.identity, error.empty() ? value : "earlier");
+        EXPECT_EQ((handler.*exchange.progress).value, value);
+        EXPECT_EQ((handler.*exchange.progress).succeeded, error.empty());
         EXPECT_EQ(handler.error_response, error);
         EXPECT_EQ(wake_ups(), 1);
-    }
-};
-
-// ---- The login step
-
-class LoginCallbackTest : public CallbackTest {
-protected:
-    LoginCallbackTest() {
-        cloud.user_token = "input token";
-        cloud.device_id = "thebox";
-        handler.first_method = kConnectMethod;
-        handler.error_response = "earlier";
-        handler.login_progress.value = "earlier";
-    }
-
-    void expect_failure(const Failure& failure) {
-        SCOPED_TRACE(failure.answer.body);
-        handler.login_progress.succeeded = true;
-        deliver(get_user_token_callback, failure.answer);
-        const std::string error = error_reply(failure.result, failure.reason);
-        Events screening;
-        if (failure.is_document) {
-            screening = {"log_json 2 " + handler.first_method + " response:|" + failure.answer.body,
-                         "release document"};
-        }
-        EXPECT_EQ(events(), joined({screening,
-                                    {"delete 8", "release_response", "log 0 extract_token: " + error},
-                                    wake_up()}));
-        EXPECT_EQ(cloud.user_token, "input token");
-        expect_reported(handler.login_progress, "", false, error);
         char byte = 0;
         read(handler.thread.run_pipe[0], &byte, 1);
     }
+
+    void expect_success(const std::string& value) {
+        expect({body('"' + value + '"')}, value, "", true);
+    }
+
+    /// A failure of a document, which carries the exchange's own result.
+    void expect_failure(const std::string& document, const std::string& reason) {
+        expect({document}, "", text::error_reply(exchange.result, reason), true);
+    }
+
+    const Exchange exchange = GetParam();
 };
 
-TEST_F(LoginCallbackTest, ClosesTheExchangeThenReportsTheToken) {
-    deliver(get_user_token_callback, {R"({"result": {"user_token": "u"}})"});
-    EXPECT_EQ(events(), joined({{R"(log_json 2 connect response:|{"result": {"user_token": "u"}})",
-                                 "release document", "delete 8", "release_response"},
-                                wake_up()}));
-    EXPECT_EQ(cloud.user_token, "u");
-    EXPECT_EQ(cloud.device_id, "thebox");
-    expect_reported(handler.login_progress, "u", true, "");
+INSTANTIATE_TEST_SUITE_P(Exchanges, CallbackTest,
+                         testing::Values(kConnectExchange, other_login("get_device_token"),
+                                         other_login("connect2"), other_login(""), kRegisterBoxExchange));
+
+TEST_P(CallbackTest, InstallsTheValueThenReportsIt) {
+    expect_success("abc");
+    std::string value_at_wake_up;
+    calls::before_write([&] { value_at_wake_up = cloud.*exchange.identity; });
+    deliver({body(R"("next")")});
+    EXPECT_EQ(value_at_wake_up, "next");
 }
 
-TEST_F(LoginCallbackTest, InstallsTheTokenBeforeItReportsIt) {
-    std::string token_at_wake_up;
-    calls::before_write([&] { token_at_wake_up = cloud.user_token; });
-    deliver(get_user_token_callback, {R"({"result": {"user_token": "u"}})"});
-    EXPECT_EQ(token_at_wake_up, "u");
+TEST_P(CallbackTest, LeavesTheOtherIdentityAlone) {
+    cloud.user_token = "user token";
+    cloud.device_id = "thebox";
+    deliver({body(R"("abc")")});
+    EXPECT_EQ(cloud.user_token, exchange.closes_first ? "abc" : "user token");
+    EXPECT_EQ(cloud.device_id, exchange.closes_first ? "thebox" : "abc");
 }
 
-TEST_F(LoginCallbackTest, AcceptsAnEmptyToken) {
-    deliver(get_user_token_callback, {R"({"result": {"user_token": ""}, "error": {"message": "m"}})"});
-    EXPECT_EQ(cloud.user_token, "");
-    expect_reported(handler.login_progress, "", true, "");
+TEST_P(CallbackTest, AcceptsAnEmptyValue) {
+    expect_success("");
 }
 
-TEST_F(LoginCallbackTest, TitlesTheDocumentWithTheLoginStep) {
-    handler.first_method = kGetDeviceTokenMethod;
-    deliver(get_user_token_callback, {R"({"result": {"user_token": "u"}})"});
-    EXPECT_EQ(events({"log_json"}),
-              Events{R"(log_json 2 get_device_token response:|{"result": {"user_token": "u"}})"});
+TEST_P(CallbackTest, ScreensTheStatusBeforeTheLength) {
+    expect({"", 7}, "", text::status(7), false);
+    expect({body(R"("abc")"), 4294967295U}, "", text::status(4294967295U), false);
+    expect({"", 0}, "", text::kEmptyResponse, false);
 }
 
-TEST_F(LoginCallbackTest, ScreensTheStatusBeforeTheLength) {
-    expect_failure({{"", 7}, "error_cvnc", "Response status 7", false});
-    expect_failure({{R"({"result": {"user_token": "u"}})", 4294967295U},
-                    "error_cvnc",
-                    "Response status 4294967295",
-                    false});
-    expect_failure({{"", 0}, "error_cvnc", "Empty response", false});
-}
-
-TEST_F(LoginCallbackTest, QuotesABodyThatIsNotJson) {
-    expect_failure({{"nonsense"}, "error_cvnc", "Response is not JSON: nonsense", false});
-    expect_failure({{"{\"result\": "}, "error_cvnc", "Response is not JSON: {\"result\": ", false});
-}
-
-TEST_F(LoginCallbackTest, RefusesATokenThatIsNoString) {
-    const std::string reason = "invalid user_token in response";
-    expect_failure(
-        {{R"({"result": {"user_token": 42}, "error": {"message": "m"}})"}, "error_connect", reason});
-    expect_failure({{R"({"result": {"user_token": null}})"}, "error_connect", reason});
-    expect_failure({{R"({"result": {"user_token": {}}})"}, "error_connect", reason});
-}
-
-TEST_F(LoginCallbackTest, GivesTheCloudsOwnWordsAsTheReason) {
-    expect_failure({{R"({"error": {"data": {"message": "x"}, "message": "y"}})"}, "error_connect", "x"});
-    expect_failure({{R"({"error": {"data": {"message": "x"}}})"}, "error_connect", "x"});
-    expect_failure({{R"({"error": {"data": {}, "message": "y"}})"}, "error_connect", "y"});
-    expect_failure({{R"({"error": {"message": ""}})"}, "error_connect", ""});
-}
-
-TEST_F(LoginCallbackTest, SaysThatThereIsNoTokenWhenTheCloudSaysNothing) {
-    const std::string reason = "user_token not found in response";
-    expect_failure({{R"({})"}, "error_connect", reason});
-    expect_failure({{R"([1])"}, "error_connect", reason});
-    expect_failure({{R"({"result": {"token": "u"}})"}, "error_connect", reason});
-    expect_failure({{R"({"result": "u"})"}, "error_connect", reason});
-    expect_failure({{R"({"error": {"message": 5}})"}, "error_connect", reason});
-}
-
-TEST_F(LoginCallbackTest, LooksForTheSecondMessageOnlyWhenTheFirstIsMissing) {
-    const std::string reason = "user_token not found in response";
-    expect_failure({{R"({"error": {"data": {"message": 5}}})"}, "error_connect", reason});
-    expect_failure({{R"({"error": {"data": {"message": 5}, "message": "y"}})"}, "error_connect", reason});
-    expect_failure({{R"({"error": {"data": {"message": null}, "message": "y"}})"}, "error_connect", reason});
-}
-
-TEST_F(LoginCallbackTest, NamesEveryFailureAfterTheLoginStepOfTheRun) {
-    for (const char* method : {kGetDeviceTokenMethod, "connect2", ""}) {
-        handler.first_method = method;
-        expect_failure({{R"({"result": {"user_token": 42}})"},
-                        "error_get_device_token",
-                        "invalid user_token in response"});
-        expect_failure({{R"({"error": {"message": "y"}})"}, "error_get_device_token", "y"});
-        expect_failure({{R"({})"}, "error_get_device_token", "user_token not found in response"});
-        expect_failure({{"x", 1}, "error_cvnc", "Response status 1", false});
+TEST_P(CallbackTest, QuotesABodyThatIsNotJson) {
+    for (const std::string text : {"nonsense", "{\"result\": "}) {
+        expect({text}, "", text::response_not_json(text), false);
     }
 }
 
-// ---- The box registration step
-
-class RegisterBoxCallbackTest : public CallbackTest {
-protected:
-    RegisterBoxCallbackTest() {
-        cloud.user_token = "user token";
-        cloud.device_id = "thebox";
-        handler.error_response = "earlier";
-        handler.register_progress.value = "earlier";
+TEST_P(CallbackTest, RefusesAValueThatIsNoString) {
+    for (const char* const value : {"42", "null", "{}"}) {
+        expect_failure(body(value), exchange.invalid);
     }
+}
 
-    void expect_failure(const Failure& failure) {
-        SCOPED_TRACE(failure.answer.body);
-        handler.register_progress.succeeded = true;
-        deliver(register_box_callback, failure.answer);
-        const std::string error = error_reply(failure.result, failure.reason);
-        Events screening;
-        if (failure.is_document) {
-            screening = {"log_json 2 register_box response: |" + failure.answer.body, "release document"};
-        }
-        EXPECT_EQ(events(), joined({screening,
-                                    {"log 0 register_box_callback: " + error},
-                                    wake_up(),
-                                    {"delete 8", "release_response"}}));
-        EXPECT_EQ(cloud.device_id, "thebox");
-        expect_reported(handler.register_progress, "", false, error);
-        char byte = 0;
-        read(handler.thread.run_pipe[0], &byte, 1);
+TEST_P(CallbackTest, GivesTheCloudsOwnWordsAsTheReason) {
+    expect_failure(R"({"error": {"data": {"message": "x"}, "message": "y"}})", "x");
+    expect_failure(R"({"error": {"data": {"message": "x"}}})", "x");
+    expect_failure(R"({"error": {"data": {}, "message": "y"}})", "y");
+    expect_failure(R"({"error": {"message": ""}})", "");
+}
+
+TEST_P(CallbackTest, SaysThatTheValueIsMissingWhenTheCloudSaysNothing) {
+    for (const char* const document : {R"({})", R"([1])", R"({"result": {"other": "u"}})",
+                                       R"({"result": "u"})", R"({"error": {"message": 5}})"}) {
+        expect_failure(document, exchange.missing);
     }
-};
-
-TEST_F(RegisterBoxCallbackTest, ReportsTheDeviceIdThenClosesTheExchange) {
-    deliver(register_box_callback, {R"({"result": {"device_id": "abc", "extra": 1}})"});
-    EXPECT_EQ(events(),
-              joined({{R"(log_json 2 register_box response: |{"result": {"device_id": "abc", "extra": 1}})",
-                       "release document"},
-                      wake_up(),
-                      {"delete 8", "release_response"}}));
-    EXPECT_EQ(cloud.device_id, "abc");
-    EXPECT_EQ(cloud.user_token, "user token");
-    expect_reported(handler.register_progress, "abc", true, "");
 }
 
-TEST_F(RegisterBoxCallbackTest, InstallsTheDeviceIdBeforeItReportsIt) {
-    std::string id_at_wake_up;
-    calls::before_write([&] { id_at_wake_up = cloud.device_id; });
-    deliver(register_box_callback, {R"({"result": {"device_id": "abc"}})"});
-    EXPECT_EQ(id_at_wake_up, "abc");
-}
-
-TEST_F(RegisterBoxCallbackTest, AcceptsAnEmptyDeviceId) {
-    deliver(register_box_callback, {R"({"result": {"device_id": ""}})"});
-    EXPECT_EQ(cloud.device_id, "");
-    expect_reported(handler.register_progress, "", true, "");
-}
-
-TEST_F(RegisterBoxCallbackTest, ScreensTheStatusBeforeTheLength) {
-    expect_failure({{"", 7}, "error_cvnc", "Response status 7", false});
-    expect_failure(
-        {{R"({"result": {"device_id": "abc"}})", 503}, "error_cvnc", "Response status 503", false});
-    expect_failure({{"", 0}, "error_cvnc", "Empty response", false});
-}
-
-TEST_F(RegisterBoxCallbackTest, QuotesABodyThatIsNotJson) {
-    expect_failure({{"nonsense"}, "error_cvnc", "Response is not JSON: nonsense", false});
-}
-
-TEST_F(RegisterBoxCallbackTest, RefusesADeviceIdThatIsNoString) {
-    const std::string reason = "invalid device_id in response";
-    expect_failure(
-        {{R"({"result": {"device_id": 5}, "error": {"message": "m"}})"}, "error_register_box", reason});
-    expect_failure({{R"({"result": {"device_id": null}})"}, "error_register_box", reason});
-}
-
-TEST_F(RegisterBoxCallbackTest, GivesTheCloudsOwnWordsAsTheReason) {
-    expect_failure(
-        {{R"({"error": {"data": {"message": "M1"}, "message": "M2"}})"}, "error_register_box", "M1"});
-    expect_failure({{R"({"error": {"message": "M2"}})"}, "error_register_box", "M2"});
-}
-
-TEST_F(RegisterBoxCallbackTest, SaysThatThereIsNoDeviceIdWhenTheCloudSaysNothing) {
-    const std::string reason = "device_id not found";
-    expect_failure({{R"({})"}, "error_register_box", reason});
-    expect_failure({{R"({"result": {"id": "abc"}})"}, "error_register_box", reason});
-    expect_failure({{R"({"error": {"message": 5}})"}, "error_register_box", reason});
-    expect_failure(
-        {{R"({"error": {"data": {"message": 5}, "message": "M2"}})"}, "error_register_box", reason});
+TEST_P(CallbackTest, LooksForTheSecondMessageOnlyWhenTheFirstIsMissing) {
+    expect_failure(R"({"error": {"data": {"message": 5}}})", exchange.missing);
+    expect_failure(R"({"error": {"data": {"message": 5}, "message": "y"}})", exchange.missing);
+    expect_failure(R"({"error": {"data": {"message": null}, "message": "y"}})", exchange.missing);
 }
 
 } // namespace

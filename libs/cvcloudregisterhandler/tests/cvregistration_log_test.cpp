@@ -13,29 +13,22 @@ using namespace kit;
 using cv::registration::RegistrationHandler;
 using cv::registration::RegistrationThread;
 
-class SilentModuleTest : public ModuleTest {
+template <typename Base>
+class Silent : public Base {
 protected:
-    SilentModuleTest() {
+    Silent() {
         cv::log::current_level = -1;
     }
 
-    ~SilentModuleTest() override {
+    ~Silent() override {
         EXPECT_EQ(log_events(), Events{});
     }
 
     std::vector<std::string> commands;
 };
 
-class SilentHandlerTest : public HandlerTest {
-protected:
-    SilentHandlerTest() {
-        cv::log::current_level = -1;
-    }
-
-    ~SilentHandlerTest() override {
-        EXPECT_EQ(log_events(), Events{});
-    }
-};
+using SilentModuleTest = Silent<ModuleTest>;
+using SilentHandlerTest = Silent<HandlerTest>;
 
 TEST_F(SilentModuleTest, RefusesToWorkWithoutACloudAccessObject) {
     EXPECT_EQ(get_handler_api()->init(nullptr, commands), 0);

@@ -84,8 +84,6 @@ protected:
         EXPECT_FALSE(handler.reply_requested);
         EXPECT_FALSE(handler.registration_in_progress);
     }
-
-    const std::string jansson_error = error_reply("error_internal", "jansson error");
 };
 
 // ---- Construction, init and reset
@@ -167,35 +165,23 @@ TEST_F(StateMachineTest, ResetClearsTheRegistrationButNeitherTheRequestNorTheTab
 
 // ---- Parameters and token types
 
-TEST_F(StateMachineTest, APartnerTokenLogsInWithConnect) {
-    EXPECT_TRUE(handler.set_input_params({"secret", "partner", "0A:1B"}));
-    EXPECT_EQ(handler.token, "secret");
-    EXPECT_EQ(handler.mac, "0A:1B");
-    EXPECT_EQ(handler.first_method, "connect");
-    const auto& step = handler.states.at(RegistrationHandler::LOGIN);
-    EXPECT_EQ(step.name, "connect");
-    EXPECT_EQ(step.progress, &handler.login_progress);
-    EXPECT_EQ(step.next_state, RegistrationHandler::REGISTER_DEVICE);
-    EXPECT_EQ(log_events(), Events{"log 2 set_input_params: Registration input params: token=secret, "
-                                   "mac=0A:1B, token_type=partner"});
-    EXPECT_TRUE(step.action());
-    EXPECT_EQ(events({"build_request connect "}).size(), 1U);
-}
-
-TEST_F(StateMachineTest, ATemporaryTokenAsksForADeviceTokenAlsoAfterAPartnerToken) {
-    prepare("partner");
-    EXPECT_TRUE(handler.set_input_params({"second", "temporary", "0C"}));
-    EXPECT_EQ(handler.token, "second");
-    EXPECT_EQ(handler.mac, "0C");
-    EXPECT_EQ(handler.first_method, "get_device_token");
-    const auto& step = handler.states.at(RegistrationHandler::LOGIN);
-    EXPECT_EQ(step.name, "get_device_token");
-    EXPECT_EQ(step.progress, &handler.login_progress);
-    EXPECT_EQ(step.next_state, RegistrationHandler::REGISTER_DEVICE);
-    EXPECT_EQ(log_events(), Events{"log 2 set_input_params: Registration input params: token=second, "
-                                   "mac=0C, token_type=temporary"});
-    EXPECT_TRUE(step.action());
-    EXPECT_EQ(events({"build_request get_device_token "}).size(), 1U);
+TEST_F(StateMachineTest, TheLoginStepFollowsTheLatestTokenType) {
+    for (const auto& [type, method] : {std::pair("partner", "connect"), {"temporary", "get_device_token"}}) {
+        journal().clear();
+        EXPECT_TRUE(handler.set_input_params({std::string("secret of ") + type, type, "0A:1B"}));
+        EXPECT_EQ(handler.token, std::string("secret of ") + type);
+        EXPECT_EQ(handler.mac, "0A:1B");
+        EXPECT_EQ(handler.first_method, method);
+        const auto& step = handler.states.at(RegistrationHandler::LOGIN);
+        EXPECT_EQ(step.name, method);
+        EXPECT_EQ(step.progress, &handler.login_progress);
+        EXPECT_EQ(step.next_state, RegistrationHandler::REGISTER_DEVICE);
+        EXPECT_EQ(log_events(),
+                  Events{std::string("log 2 set_input_params: Registration input params: token=secret of ") +
+                         type + ", mac=0A:1B, token_type=" + type});
+        EXPECT_TRUE(step.action());
+        EXPECT_EQ(events({std::string("build_request ") + method + " "}).size(), 1U);
+    }
 }
 
 TEST_F(StateMachineTest, AnUnknownTokenTypeIsABugThatLeavesTheLoginStep) {
@@ -203,7 +189,7 @@ TEST_F(StateMachineTest, AnUnknownTokenTypeIsABugThatLeavesTheLoginStep) {
     for (const std::string token_type : {"Partner", "temporary ", ""}) {
         journal().clear();
         EXPECT_FALSE(handler.set_input_params({"new " + token_type, token_type, "mac " + token_type}));
-        EXPECT_EQ(events(), Events{"log 0 set_input_params: BUG: Unknown token type: " + token_type});
+        EXPECT_EQ(events(), Events{text::unknown_token_type(token_type)});
         EXPECT_EQ(handler.token, "new " + token_type);
         EXPECT_EQ(handler.mac, "mac " + token_type);
         EXPECT_EQ(handler.first_method, "connect");
@@ -299,9 +285,7 @@ TEST_F(RetryTest, GoesStraightToTheEndWhenBothStepsHaveSucceeded) {
     EXPECT_EQ(handler.login_progress.tries_left, 0);
     EXPECT_EQ(handler.register_progress.tries_left, 0);
     handler.run_state_machine();
-    EXPECT_EQ(
-        events({"build_request", "publish"}),
-        Events{R"(publish cloud_registration_done {"result": "ok", "user_token": "u", "device_id": "d"})"});
+    EXPECT_EQ(events({"build_request", "publish"}), Events{publish_event(text::done("u", "d"))});
 }
 
 TEST_F(RetryTest, IsAcceptedAlsoWhenTheWakeUpIsDropped) {
@@ -319,7 +303,7 @@ TEST_F(RetryTest, IsRefusedInEveryOtherStateAndChangesNothing) {
             handler.registration_in_progress = in_progress;
             std::string error;
             EXPECT_FALSE(handler.retry_cloud_registration(error));
-            EXPECT_EQ(error, error_reply("error_other", "Retry called, but current state is not FAIL"));
+            EXPECT_EQ(error, text::kNotFailed);
             EXPECT_EQ(handler.state, state);
             EXPECT_EQ(handler.registration_in_progress, in_progress);
             EXPECT_EQ(handler.error_response, "earlier");
@@ -385,9 +369,8 @@ TEST_F(StateMachineTest, AWorkStateWithoutAnEntryIsABugThatEndsTheRun) {
         handler.registration_in_progress = true;
         handler.state = static_cast<State>(value);
         handler.run_state_machine();
-        const std::string error = error_reply("error_internal", "unknown state");
-        EXPECT_EQ(events(), (Events{"log 0 handle_crt_state: BUG: Unknown state " + std::to_string(value),
-                                    "reply 7 " + error}));
+        const std::string error = text::kUnknownState;
+        EXPECT_EQ(events(), (Events{text::unknown_work_state(value), "reply 7 " + error}));
         expect_failed(error);
     }
 }
@@ -442,10 +425,8 @@ TEST_F(StateMachineTest, AStepThatHasSucceededMovesOnAtOnce) {
 
     finish_registration();
     handler.run_state_machine();
-    EXPECT_EQ(
-        events({"send_request", "publish"}),
-        (Events{"send_request connect/box_mgmt",
-                R"(publish cloud_registration_done {"result": "ok", "user_token": "u", "device_id": "d"})"}));
+    EXPECT_EQ(events({"send_request", "publish"}),
+              (Events{"send_request connect/box_mgmt", publish_event(text::done("u", "d"))}));
     expect_reset();
 }
 
@@ -462,9 +443,8 @@ TEST_F(StateMachineTest, AStepIsTriedOnceMoreThanItIsRetriedWithAPauseBeforeEach
     });
     handler.reply_requested = true;
     handler.run_state_machine();
-    EXPECT_EQ(events(),
-              (Events{"log 3 do_work: Number of tries left is: 3", "try", "sleep 11", "try", "sleep 11",
-                      "try", "log 1 do_work: No more tries left. connect failed", "reply 7 last error"}));
+    EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: 3", "try", "sleep 11", "try",
+                                "sleep 11", "try", text::no_more_tries("connect"), "reply 7 last error"}));
     expect_failed("last error");
     EXPECT_EQ(handler.login_progress.tries_left, 0);
 }
@@ -510,8 +490,7 @@ TEST_F(StateMachineTest, SendFailuresAndFailedResponsesShareTheBudget) {
     handler.set_user_token_info("", false, "second error");
     handler.run_state_machine();
     EXPECT_EQ(events({"try", "sleep", "log 1"}),
-              (Events{"try", "sleep 1", "try", "sleep 1", "try",
-                      "log 1 do_work: No more tries left. connect failed"}));
+              (Events{"try", "sleep 1", "try", "sleep 1", "try", text::no_more_tries("connect")}));
     expect_failed("second error");
 }
 
@@ -546,7 +525,7 @@ TEST_F(StateMachineTest, ANegativeNumberOfRetriesFailsAStepUntried) {
         prepare("temporary");
         handler.run_state_machine();
         EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: " + std::to_string(retries + 1),
-                                    "log 1 do_work: No more tries left. get_device_token failed"}));
+                                    text::no_more_tries("get_device_token")}));
         expect_failed("");
         EXPECT_EQ(handler.login_progress.tries_left, retries + 1);
     }
@@ -558,7 +537,7 @@ TEST_F(StateMachineTest, TheLargestNumberOfRetriesWrapsAndFailsAStepUntried) {
     prepare();
     handler.run_state_machine();
     EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: -2147483648",
-                                "log 1 do_work: No more tries left. connect failed"}));
+                                text::no_more_tries("connect")}));
 }
 
 TEST_F(StateMachineTest, TheBoxRegistrationHasABudgetOfItsOwn) {
@@ -570,8 +549,8 @@ TEST_F(StateMachineTest, TheBoxRegistrationHasABudgetOfItsOwn) {
     EXPECT_EQ(events({"send_request", "sleep", "log 1"}),
               (Events{"send_request connect/box_mgmt", "sleep 1", "send_request connect/box_mgmt", "sleep 1",
                       "send_request connect/box_mgmt", "sleep 1", "send_request connect/box_mgmt",
-                      "log 1 do_work: No more tries left. register_box failed"}));
-    expect_failed(error_reply("error_cvnc", "cvnc_ask error"));
+                      text::no_more_tries("register_box")}));
+    expect_failed(text::kNotSent);
 }
 
 TEST_F(StateMachineTest, AnEmptyActionIsAProgrammingError) {
@@ -595,12 +574,12 @@ protected:
         handler.error_response = "earlier";
         handler.run_state_machine();
         Events all = expected;
-        all.push_back("reply 7 " + jansson_error);
+        all.push_back("reply 7 " + text::kJansson);
         EXPECT_EQ(events(), all);
-        expect_failed(jansson_error);
+        expect_failed(text::kJansson);
     }
 
-    const std::string body = R"({"result": "ok", "user_token": "u", "device_id": "d"})";
+    const std::string body = text::done("u", "d");
 };
 
 TEST_F(FinishTest, PublishesTheResultThenAnswersThenResets) {
@@ -649,7 +628,7 @@ TEST_F(FinishTest, FailsWhenTheResultCannotBePublished) {
         handler.registration_in_progress = true;
         cloud.fail_next_publish(1, result);
         handler.run_state_machine();
-        const std::string error = error_reply("error_internal", "cvex error");
+        const std::string error = text::kNotPublished;
         EXPECT_EQ(events({"log 3", "publish", "reply"}),
                   (Events{"log 3 send_cloud_registration_done: Sending cloud_registration_done message",
                           "publish cloud_registration_done " + body, "reply 7 " + error}));
@@ -767,7 +746,7 @@ protected:
         journal().clear();
         cloud.refuse_next_send();
         EXPECT_FALSE((handler.*step.send)());
-        const std::string error = error_reply("error_cvnc", "cvnc_ask error");
+        const std::string error = text::kNotSent;
         Events expected = {"build_request " + step.text,   service_line(step),  "new 8",
                            "send_request " + step.service, "free request text", "delete 8"};
         expected.insert(expected.end(), released.begin(), released.end());
@@ -781,7 +760,7 @@ protected:
         handler.error_response = "earlier";
         EXPECT_FALSE((handler.*step.send)());
         EXPECT_EQ(events(), expected);
-        EXPECT_EQ(handler.error_response, jansson_error);
+        EXPECT_EQ(handler.error_response, text::kJansson);
     }
 };
 
@@ -807,10 +786,8 @@ TEST_F(SendTest, LogsTheErrorOfARequestThatCannotBeBuilt) {
         journal().clear();
         cloud.fail_next_build();
         EXPECT_FALSE((handler.*step.send)());
-        const std::string error =
-            error_reply("error_internal", "Failed to build cloud request for " + step.method);
-        EXPECT_EQ(log_events(), (Events{"log 1 send_request_to_cloud: Error adding connect fields to request",
-                                        error_line(step, error)}));
+        const std::string error = text::not_built(step.method);
+        EXPECT_EQ(log_events(), (Events{text::kCannotAddFields, error_line(step, error)}));
         EXPECT_EQ(handler.error_response, error);
     }
 }
@@ -829,7 +806,7 @@ TEST_F(SendTest, ReleasesTheDocumentThenLogsWhenAMemberCannotBeAttached) {
             reset_cvutils();
             fail_attach(member);
             expect_jansson_failure(
-                step, {"cannot attach " + member, "release document", error_line(step, jansson_error)});
+                step, {"cannot attach " + member, "release document", error_line(step, text::kJansson)});
         }
     }
 }
@@ -837,7 +814,7 @@ TEST_F(SendTest, ReleasesTheDocumentThenLogsWhenAMemberCannotBeAttached) {
 TEST_F(SendTest, ReleasesTheDocumentThenLogsWhenItCannotBeWritten) {
     for (const Step& step : steps_with_parameters()) {
         calls::fail_next(Call::json_dumps);
-        expect_jansson_failure(step, {"release document", error_line(step, jansson_error)});
+        expect_jansson_failure(step, {"release document", error_line(step, text::kJansson)});
     }
 }
 

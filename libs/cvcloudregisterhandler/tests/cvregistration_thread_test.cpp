@@ -53,12 +53,11 @@ TEST_F(PipesTest, ThatWereNeverOpenedAreClosedAtDescriptor0) {
     RegistrationThread thread;
     calls::fail_next(Call::pipe2, -1, EMFILE);
     EXPECT_FALSE(thread.init_pipes());
-    EXPECT_EQ(events(),
-              (Events{
-                  "pipe2 nonblocking", "log 0 init_pipes: Failed to create pipe: Too many open files",
-                  "close 0", // The write end of the stop pipe,
-                  "close 0", // and that of the run pipe.
-              }));
+    EXPECT_EQ(events(), (Events{
+                            "pipe2 nonblocking", text::no_pipe("Too many open files"),
+                            "close 0", // The write end of the stop pipe,
+                            "close 0", // and that of the run pipe.
+                        }));
 }
 
 TEST_F(PipesTest, AreBothClosedWhenTheSecondCannotBeOpened) {
@@ -69,7 +68,7 @@ TEST_F(PipesTest, AreBothClosedWhenTheSecondCannotBeOpened) {
     EXPECT_EQ(events(), (Events{
                             "pipe2 nonblocking",
                             "pipe2 nonblocking",
-                            "log 0 init_pipes: Failed to create pipe: Too many open files in system",
+                            text::no_pipe("Too many open files in system"),
                             "close 101",
                             "close 102",
                             "close 0",
@@ -94,7 +93,7 @@ TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosedOnce) {
         EXPECT_EQ(events(), (Events{
                                 "pipe2 nonblocking",
                                 "pipe2 nonblocking",
-                                "log 0 init_pipes: Failed to create pipe: Too many open files",
+                                text::no_pipe("Too many open files"),
                                 close_of(stop_read),
                                 close_of(stop_write),
                                 close_of(run_read),
@@ -242,8 +241,7 @@ TEST_F(WorkerLoopTest, EndsWhenSelectFails) {
     handler.thread.run();
     calls::fail_next(Call::select, -1, EBADF);
     run_loop();
-    EXPECT_EQ(loop_events(),
-              (Events{"select", "log 0 thread_function: Error at select: errno=9 (Bad file descriptor)"}));
+    EXPECT_EQ(loop_events(), (Events{"select", text::select_error(9, "Bad file descriptor")}));
     EXPECT_EQ(handler.thread.run(), 1); // Nobody reads it, but it is still written.
 }
 
@@ -253,9 +251,9 @@ TEST_F(WorkerLoopTest, GoesOnWhenThereIsNothingToRead) {
     calls::fail_next(Call::read, -1);
     stop_after = 1;
     run_loop();
-    EXPECT_EQ(loop_events(), (Events{"select", read_run_byte(), "log 0 thread_function: read returned 0",
-                                     "select", read_run_byte(), "log 0 thread_function: read returned -1",
-                                     "select", read_run_byte(), "state machine", "select", stopping}));
+    EXPECT_EQ(loop_events(), (Events{"select", read_run_byte(), text::read_returned(0), "select",
+                                     read_run_byte(), text::read_returned(-1), "select", read_run_byte(),
+                                     "state machine", "select", stopping}));
 }
 
 TEST_F(WorkerLoopTest, IsWokenByOneByteThatIsLogged) {
@@ -365,7 +363,7 @@ TEST_F(WorkerTest, FinishesItsRunBeforeItStopsAndAbandonsTheNextOne) {
 TEST_F(WorkerTest, ThatEndedOnASelectErrorIsStillJoined) {
     calls::fail_next(Call::select, -1, EINVAL);
     start([] {});
-    Await("log 0 thread_function: Error at select: errno=22 (Invalid argument)");
+    Await(text::select_error(22, "Invalid argument"));
     EXPECT_EQ(handler.thread.run(), 1);
     handler.thread.uninit();
     EXPECT_FALSE(handler.thread.worker.joinable());

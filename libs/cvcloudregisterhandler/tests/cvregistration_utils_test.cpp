@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <utility>
 
 #include "cvregistration_callbacks.h"
 #include "cvregistration_constants.h"
@@ -96,17 +97,19 @@ TEST(Constants, AreTheNamesThatTheDaemonAndTheCloudKnow) {
 // ---- Error replies
 
 TEST_F(ErrorReplyTest, NamesEachIdentifier) {
-    EXPECT_EQ(build_error_response(error_invalid_arguments, "r"),
-              R"({"result": "error_invalid_arguments", "reason": "r"})");
-    EXPECT_EQ(build_error_response(error_in_progress, "Another registration process is in progress"),
-              R"({"result": "error_in_progress", "reason": "Another registration process is in progress"})");
-    EXPECT_EQ(build_error_response(error_internal, "r"), R"({"result": "error_internal", "reason": "r"})");
-    EXPECT_EQ(build_error_response(error_cvnc, "r"), R"({"result": "error_cvnc", "reason": "r"})");
-    EXPECT_EQ(build_error_response(error_connect, "r"), R"({"result": "error_connect", "reason": "r"})");
-    EXPECT_EQ(build_error_response(error_get_device_token, "r"),
-              R"({"result": "error_get_device_token", "reason": "r"})");
-    EXPECT_EQ(build_error_response(error_register_box, "r"),
-              R"({"result": "error_register_box", "reason": "r"})");
+    const std::pair<ErrorId, const char*> names[] = {
+        {error_invalid_arguments, "error_invalid_arguments"},
+        {error_in_progress, "error_in_progress"},
+        {error_internal, "error_internal"},
+        {error_cvnc, "error_cvnc"},
+        {error_connect, "error_connect"},
+        {error_get_device_token, "error_get_device_token"},
+        {error_register_box, "error_register_box"},
+        {error_other, "error_other"},
+    };
+    for (const auto& [id, name] : names) {
+        EXPECT_EQ(build_error_response(id, "the reason"), text::error_reply(name, "the reason"));
+    }
     EXPECT_EQ(build_error_response(error_other, ""), R"({"result": "error_other", "reason": ""})");
 }
 
@@ -189,10 +192,10 @@ TEST_F(SendRequestTest, NeitherAllocatesNorSendsWithoutAText) {
     std::string error;
     EXPECT_FALSE(
         send_request_to_cloud("s", "get_device_token", "", 0, 7, get_user_token_callback, error, false));
-    EXPECT_EQ(error, error_reply("error_internal", "Failed to build cloud request for get_device_token"));
+    EXPECT_EQ(error, text::not_built("get_device_token"));
     EXPECT_EQ(events(), (Events{
                             "build_request get_device_token (none) fields=no",
-                            "log 1 send_request_to_cloud: Error adding connect fields to request",
+                            text::kCannotAddFields,
                         }));
 }
 
@@ -200,7 +203,7 @@ TEST_F(SendRequestTest, SendsNothingWithoutABlock) {
     calls::fail_next(Call::new_nothrow);
     std::string error;
     EXPECT_FALSE(send_request_to_cloud("s", "m", "p", 1, 7, get_user_token_callback, error, false));
-    EXPECT_EQ(error, error_reply("error_internal", "memory alloc error"));
+    EXPECT_EQ(error, text::kNoMemory);
     EXPECT_EQ(events(), (Events{
                             "build_request m p fields=no",
                             "log 3 send_request_to_cloud: service: s, full request: m p fields=no",
@@ -215,7 +218,7 @@ TEST_F(SendRequestTest, FreesTheTextThenTheBlockWhenTheCloudClientRefuses) {
         cloud.refuse_next_send(1, result);
         std::string error;
         EXPECT_FALSE(send_request_to_cloud("s", "m", "p", 1, 7, get_user_token_callback, error, false));
-        EXPECT_EQ(error, error_reply("error_cvnc", "cvnc_ask error"));
+        EXPECT_EQ(error, text::kNotSent);
         EXPECT_EQ(events(), (Events{
                                 "build_request m p fields=no",
                                 "log 3 send_request_to_cloud: service: s, full request: m p fields=no",

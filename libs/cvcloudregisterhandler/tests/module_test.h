@@ -13,16 +13,20 @@
 #include "cvregistration_state_machine.h"
 #include "cvregistration_utils.h"
 #include "cvutils/log.h"
-#include "scripted_host.h"
 #include "cvutils_stand_in.h"
-#include "scripted_calls.h"
 #include "journal.h"
+#include "scripted_calls.h"
+#include "scripted_host.h"
+#include "texts.h"
 
 using Events = std::vector<std::string>;
 
-/// The error reply that every failure ends in.
-inline std::string error_reply(const std::string& result, const std::string& reason) {
-    return "{\"result\": \"" + result + "\", \"reason\": \"" + reason + "\"}";
+inline Events joined(const std::vector<Events>& parts) {
+    Events all;
+    for (const Events& part : parts) {
+        all.insert(all.end(), part.begin(), part.end());
+    }
+    return all;
 }
 
 /// The events so far, or those that begin with one of the prefixes.
