@@ -67,7 +67,7 @@ namespace kit {
 void reset_cvutils() {
     cv::log::current_level = 3;
     const std::lock_guard<std::mutex> lock(state().mutex);
-    state().lines.clear();
+    state().lines = std::vector<kit::LogLine>(); // With its memory: the long run watches the heap.
     state().integers.clear();
     state().texts.clear();
     state().mac = "0a:1b:2c:3d:4e:5f";
