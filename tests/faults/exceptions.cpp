@@ -50,15 +50,25 @@ struct Report {
     void* addresses[kDepth] = {};
 };
 
-// How a child's process ended.
-constexpr int kNothingFailed = 0;
-constexpr int kLeftInit = 10;
-constexpr int kLeftHandle = 11;
-constexpr int kLeftCallback = 12;
-constexpr int kLeftInitAndLost = 13;
-constexpr int kLeftCallbackAndLost = 14;
-constexpr int kSwallowed = 15;
-constexpr int kBroken = 16;
+// How a child's process ended: its exit code, and the words of the document for it.
+enum Exit {
+    kNothingFailed,
+    kLeftInit,
+    kLeftHandle,
+    kLeftCallback,
+    kLeftInitAndLost,
+    kLeftCallbackAndLost,
+    kSwallowed,
+    kBroken
+};
+const char* const kEndings[] = {"nothing",
+                                "leaves `init`",
+                                "leaves `handle`",
+                                "leaves the callback",
+                                "leaves `init`, memory lost",
+                                "leaves the callback, response lost",
+                                "is swallowed",
+                                "breaks the module"};
 
 int report_descriptor = -1;
 
@@ -203,32 +213,7 @@ Ending fail_in_child(const Scenario& scenario, int number) {
         ending.how = WTERMSIG(status) == SIGABRT ? "the process ends" : strsignal(WTERMSIG(status));
         return ending;
     }
-    switch (WEXITSTATUS(status)) {
-    case kNothingFailed:
-        ending.how = "nothing";
-        break;
-    case kLeftInit:
-        ending.how = "leaves `init`";
-        break;
-    case kLeftHandle:
-        ending.how = "leaves `handle`";
-        break;
-    case kLeftCallback:
-        ending.how = "leaves the callback";
-        break;
-    case kLeftInitAndLost:
-        ending.how = "leaves `init`, memory lost";
-        break;
-    case kLeftCallbackAndLost:
-        ending.how = "leaves the callback, response lost";
-        break;
-    case kSwallowed:
-        ending.how = "is swallowed";
-        break;
-    default:
-        ending.how = "breaks the module";
-        break;
-    }
+    ending.how = kEndings[std::min<int>(WEXITSTATUS(status), kBroken)];
     return ending;
 }
 

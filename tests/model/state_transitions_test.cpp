@@ -12,8 +12,8 @@
 #include "cvregistration_globals.h"
 #include "cvregistration_state_machine.h"
 #include "cvregistration_utils.h"
-#include "scripted_host.h"
 #include "cvutils_stand_in.h"
+#include "scripted_host.h"
 
 using cv::registration::RegistrationHandler;
 
@@ -45,24 +45,18 @@ struct Point {
 /// A host at which the state is looked at whenever the module calls it.
 class WatchingCloud : public kit::ScriptedHost {
 public:
-    std::function<void(Point::Kind)> watch;
+    std::function<void(Point::Kind)> watch = [](Point::Kind) {};
 
-    int send_request(const char* request, const char* service, cvtessel_callback callback,
-                     void* user_data) override {
-        const int result = ScriptedHost::send_request(request, service, callback, user_data);
-        watch(result == 0 ? Point::SENT : Point::REFUSED);
-        return result;
-    }
-
-    int publish_message(const char* name, const void* data, unsigned int length) override {
-        const int result = ScriptedHost::publish_message(name, data, length);
-        watch(result == 0 ? Point::PUBLISHED : Point::NOT_PUBLISHED);
-        return result;
-    }
-
-    int send_response(const Message* reply) override {
-        watch(Point::REPLIED);
-        return ScriptedHost::send_response(reply);
+private:
+    int outcome(Operation operation, int scripted) override {
+        if (operation == Operation::send) {
+            watch(scripted == 0 ? Point::SENT : Point::REFUSED);
+        } else if (operation == Operation::publish) {
+            watch(scripted == 0 ? Point::PUBLISHED : Point::NOT_PUBLISHED);
+        } else if (operation == Operation::reply) {
+            watch(Point::REPLIED);
+        }
+        return scripted;
     }
 };
 
