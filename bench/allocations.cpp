@@ -77,8 +77,8 @@ namespace {
 
 // What one run of a scenario allocates: the difference between ten and twenty, without what is done only
 // once.
-json_t* measure(kit::LeanHost& host, CvHandlerAPI& handler, const std::string& scenario, std::size_t token_length,
-                std::size_t user_token_length) {
+json_t* measure(kit::LeanHost& host, CvHandlerAPI& handler, const std::string& scenario,
+                std::size_t token_length, std::size_t user_token_length) {
     constexpr long kTimes = 10;
     std::array<long, 2> blocks = {};
     std::array<long, 2> bytes = {};

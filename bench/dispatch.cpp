@@ -20,7 +20,8 @@ constexpr const char* kRetry = "retry_cloud_registration";
 /// The times of one kind of command.
 class Samples {
 public:
-    void take(kit::LeanHost& host, CvHandlerAPI& handler, const char* name, const std::string& payload) const {
+    void take(kit::LeanHost& host, CvHandlerAPI& handler, const char* name,
+              const std::string& payload) const {
         const std::int64_t begin = kit::nanoseconds();
         host.command(handler, name, payload);
         json_array_append_new(samples, json_integer(kit::nanoseconds() - begin));
@@ -29,7 +30,8 @@ public:
     json_t* const samples = json_array();
 };
 
-json_t* measure(kit::LeanHost& host, CvHandlerAPI& handler, StandIn& floor, kit::LeanHost& floor_host, long commands) {
+json_t* measure(kit::LeanHost& host, CvHandlerAPI& handler, StandIn& floor, kit::LeanHost& floor_host,
+                long commands) {
     const Samples start;
     const Samples floor_start;
     const Samples retry;

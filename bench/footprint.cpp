@@ -14,7 +14,6 @@
 #include <memory>
 #include <optional>
 
-
 #include "figures.h"
 #include "handler_library.h"
 #include "process.h"

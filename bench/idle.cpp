@@ -13,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-
 #include "figures.h"
 #include "process.h"
 #include "scenarios.h"

@@ -13,7 +13,6 @@
 #include "scenarios.h"
 #include "stand_ins.h"
 
-
 namespace {
 
 constexpr std::array kSteps = {"start", "login", "box"};

@@ -64,8 +64,7 @@ json_t* measure_idle(const std::vector<Mechanism>& mechanisms, std::chrono::seco
         for (const std::vector<std::string>& of_mechanism : threads) {
             long sum = 0;
             for (const std::string& thread : of_mechanism) {
-                sum += number_in("/proc/self/task/" + thread + "/status",
-                                 "\nvoluntary_ctxt_switches:");
+                sum += number_in("/proc/self/task/" + thread + "/status", "\nvoluntary_ctxt_switches:");
             }
             found.push_back(sum);
         }

@@ -1,5 +1,5 @@
-#include "scenarios.h"
 #include "stand_ins.h"
+#include "scenarios.h"
 
 #include <fcntl.h>
 #include <poll.h>

@@ -128,8 +128,7 @@ void log::print(int destination, int level, const char* line) {
 void log_json(int level, const char* title, const json_t* document) {
     const kit::InHost host;
     if (log::current_level >= level) {
-        kit::journal().record("log_json " + std::to_string(level) + " " + title + "|" +
-                                    text_of(document));
+        kit::journal().record("log_json " + std::to_string(level) + " " + title + "|" + text_of(document));
     }
 }
 

@@ -1,6 +1,5 @@
 #include "handler_library.h"
 
-
 #include <cstdio>
 #include <cstdlib>
 

@@ -10,7 +10,8 @@ namespace kit {
 /// A handler library, loaded as the daemon loads it for as long as this object lives.
 class HandlerLibrary {
 public:
-    /// The library that is tested: that of this build, or the one that CV_HANDLER_LIBRARY in the environment names.
+    /// The library that is tested: that of this build, or the one that CV_HANDLER_LIBRARY in the environment
+    /// names.
     static const char* tested();
 
     /// Ends the program when there is no library at `path`. `scope` is RTLD_LOCAL, or RTLD_GLOBAL to put its

@@ -7,7 +7,8 @@
 
 #include "cvcloud/cvhandler_api.h"
 
-// A host that does next to nothing and takes no lock: what is measured, or seen by the thread sanitizer, is the module.
+// A host that does next to nothing and takes no lock: what is measured, or seen by the thread sanitizer, is
+// the module.
 
 namespace kit {
 
@@ -28,8 +29,8 @@ private:
     int descriptor;
 };
 
-/// The daemon's cloud access object. Commands and answers are delivered on the calling thread, requests arrive on the
-/// handler's worker, one at a time.
+/// The daemon's cloud access object. Commands and answers are delivered on the calling thread, requests
+/// arrive on the handler's worker, one at a time.
 class LeanHost final : public CvCloudAPI {
 public:
     LeanHost() {
@@ -48,8 +49,8 @@ public:
     /// Starts a handler's worker. Ends the program when the handler is not ready.
     void init(CvHandlerAPI& handler);
 
-    /// Delivers a command that wants a reply, and returns as handle() does: true when the reply was sent on this thread
-    /// meanwhile, a refusal. `name` and `payload` are used during the call only.
+    /// Delivers a command that wants a reply, and returns as handle() does: true when the reply was sent on
+    /// this thread meanwhile, a refusal. `name` and `payload` are used during the call only.
     bool command(CvHandlerAPI& handler, const char* name, const std::string& payload);
 
     /// Calls the callback of the outstanding request.

@@ -9,8 +9,8 @@
 #include <cstring>
 #include <utility>
 
-// The real functions. What clang's sanitizers, which are part of the program, would have in the place of a function has
-// to see the call; those of g++ are libraries, and the next ones in line.
+// The real functions. What clang's sanitizers, which are part of the program, would have in the place of a
+// function has to see the call; those of g++ are libraries, and the next ones in line.
 #ifdef KIT_WRAPPED_CALLS
 #define ROUTED(name) __wrap_##name
 #define DECLARE_REAL(name) extern "C" decltype(::name) __real_##name;

@@ -1,8 +1,8 @@
 #ifndef TEXTS_H
 #define TEXTS_H
 
-// Every fixed text of the module, once: what a change of a text in the module takes with it, besides the page that lists
-// it, docs/troubleshooting.md or docs/messages.md.
+// Every fixed text of the module, once: what a change of a text in the module takes with it, besides the page
+// that lists it, docs/troubleshooting.md or docs/messages.md.
 
 #include <string>
 
@@ -41,7 +41,8 @@ inline const std::string kInvalidTokenType = invalid_arguments("invalid token_ty
 inline const std::string kBusy =
     error_reply("error_in_progress", "Another registration process is in progress");
 inline const std::string kNoMac = error_reply("error_internal", "Could not determine MAC address");
-inline const std::string kNotFailed = error_reply("error_other", "Retry called, but current state is not FAIL");
+inline const std::string kNotFailed =
+    error_reply("error_other", "Retry called, but current state is not FAIL");
 inline std::string unexpected(const std::string& command) {
     return error_reply("error_other", "Unexpected message: " + command);
 }
@@ -78,7 +79,8 @@ inline std::string done(const std::string& user_token, const std::string& device
 // ---- Log lines of levels 0 and 1, as the journal has them
 
 inline const std::string kNoCloudAccess = "log 0 init: There was an error while cloning cvcloud_api";
-inline const std::string kNoHandler = "log 0 init: There was an error while creating a RegistrationHandler obj";
+inline const std::string kNoHandler =
+    "log 0 init: There was an error while creating a RegistrationHandler obj";
 inline std::string no_pipe(const std::string& reason) {
     return "log 0 init_pipes: Failed to create pipe: " + reason;
 }
@@ -97,7 +99,8 @@ inline std::string no_more_tries(const std::string& step) {
 inline std::string unknown_work_state(int state) {
     return "log 0 handle_crt_state: BUG: Unknown state " + std::to_string(state);
 }
-inline const std::string kCannotAddFields = "log 1 send_request_to_cloud: Error adding connect fields to request";
+inline const std::string kCannotAddFields =
+    "log 1 send_request_to_cloud: Error adding connect fields to request";
 inline std::string select_error(int error, const std::string& reason) {
     return "log 0 thread_function: Error at select: errno=" + std::to_string(error) + " (" + reason + ")";
 }

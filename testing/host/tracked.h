@@ -8,8 +8,8 @@
 
 namespace kit {
 
-/// Things of one kind that are alive. Without a lock or an allocation: the operators new and delete use it, on all
-/// threads and before main().
+/// Things of one kind that are alive. Without a lock or an allocation: the operators new and delete use it,
+/// on all threads and before main().
 class Tracked {
 public:
     constexpr Tracked() = default;

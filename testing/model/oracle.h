@@ -58,17 +58,19 @@ bool operator==(const Snapshot& one, const Snapshot& other);
 /// The snapshot in readable lines.
 std::string describe(const Snapshot& snapshot);
 
-/// What the module has to do, said a second time: no threads, no pipes, no code of the module. Whoever drives the module
-/// reports, one event at a time, what the host did and what came of each of the worker's calls. The oracle answers with
-/// the effects that have to be seen by then, and with the snapshot that has to be seen.
+/// What the module has to do, said a second time: no threads, no pipes, no code of the module. Whoever drives
+/// the module reports, one event at a time, what the host did and what came of each of the worker's calls.
+/// The oracle answers with the effects that have to be seen by then, and with the snapshot that has to be
+/// seen.
 ///
-/// The worker's part goes like this: run() when it has read a byte; then, for as long as worker() is not `waiting`, the
-/// call that worker() names has to come, its effect is the last one, and its outcome is reported with the member that
-/// belongs to it. Commands and responses may be reported at any moment in between, in the order in which they happened.
+/// The worker's part goes like this: run() when it has read a byte; then, for as long as worker() is not
+/// `waiting`, the call that worker() names has to come, its effect is the last one, and its outcome is
+/// reported with the member that belongs to it. Commands and responses may be reported at any moment in
+/// between, in the order in which they happened.
 ///
-/// With threads, two things are left open. From the worker's last call of a run (finishing() is true from there) until it
-/// waits again, a command may still find the registration in progress. And after the stop byte a byte that the worker has
-/// not read may be abandoned: then run() does not come.
+/// With threads, two things are left open. From the worker's last call of a run (finishing() is true from
+/// there) until it waits again, a command may still find the registration in progress. And after the stop
+/// byte a byte that the worker has not read may be abandoned: then run() does not come.
 class Oracle {
 public:
     /// Where the worker is: asleep, or inside a call that leaves the module.
@@ -82,8 +84,8 @@ public:
     /// A registration object is created and initialised.
     void start_up();
     /// A command is delivered. `busy`: it was refused as busy while finishing() was true.
-    void command(int type, const std::string& name, unsigned long long request_id,
-                 const std::string& payload, bool busy = false);
+    void command(int type, const std::string& name, unsigned long long request_id, const std::string& payload,
+                 bool busy = false);
     /// The callback of the oldest but `index` outstanding request is called.
     void respond(std::size_t index, std::uint32_t status, const std::string& body);
     /// A byte is written to the run pipe, or lost.
@@ -138,8 +140,9 @@ public:
 
     Settings settings;
 
-    /// What has to have been seen, in the journal's words: requests, replies, published messages, pauses, responses given
-    /// back ("release_response"), wake-ups ("wake-up"), log lines of levels 0 and 1. Whoever compares takes them away.
+    /// What has to have been seen, in the journal's words: requests, replies, published messages, pauses,
+    /// responses given back ("release_response"), wake-ups ("wake-up"), log lines of levels 0 and 1. Whoever
+    /// compares takes them away.
     std::vector<std::string> effects;
 
 protected:
@@ -149,8 +152,8 @@ protected:
     virtual json_t* parse(const std::string& text);
 
     using Member = std::pair<const char*, json_t*>;
-    /// A document is made of the members, whose values are handed over, null where JSON cannot hold the value, and written:
-    /// its text, or none.
+    /// A document is made of the members, whose values are handed over, null where JSON cannot hold the
+    /// value, and written: its text, or none.
     virtual std::optional<std::string> write(std::initializer_list<Member> members);
 
     /// There is memory for the block that goes with a request.
@@ -166,7 +169,8 @@ protected:
 private:
     enum class Exchange { login, box };
 
-    bool accepts_start(int type, unsigned long long request_id, const std::string& payload, std::string& refusal);
+    bool accepts_start(int type, unsigned long long request_id, const std::string& payload,
+                       std::string& refusal);
     bool accepts_retry(int type, unsigned long long request_id, std::string& refusal);
     void record(int type, unsigned long long request_id);
     void reset();
@@ -175,7 +179,8 @@ private:
     void spend_try();
     void fail_try(const std::string& error);
     void build();
-    void store_result(Snapshot::Step& step, bool succeeded, const std::string& value, const std::string& error);
+    void store_result(Snapshot::Step& step, bool succeeded, const std::string& value,
+                      const std::string& error);
     void end_run();
 
     Snapshot now;

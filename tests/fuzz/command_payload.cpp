@@ -4,8 +4,8 @@
 
 #include <utility>
 
-#include "stepped_host.h"
 #include "input.h"
+#include "stepped_host.h"
 
 namespace {
 

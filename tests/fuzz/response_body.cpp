@@ -6,8 +6,8 @@
 
 #include <utility>
 
-#include "stepped_host.h"
 #include "input.h"
+#include "stepped_host.h"
 
 namespace {
 
@@ -23,8 +23,8 @@ public:
             respond(host);
         } else if (commands == 0) {
             host.command(2, "start_cloud_registration", 1,
-                          (flags & 1) != 0 ? R"({"token": "t", "token_type": "partner"})"
-                                           : R"({"token": "t", "token_type": "temporary"})");
+                         (flags & 1) != 0 ? R"({"token": "t", "token_type": "partner"})"
+                                          : R"({"token": "t", "token_type": "temporary"})");
             ++commands;
         } else if (commands == 1) {
             host.command(2, "retry_cloud_registration", 2, "");

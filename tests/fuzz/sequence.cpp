@@ -4,8 +4,8 @@
 // host keeps its contract but for one thing: it may write run bytes that nobody asked for, as long as a
 // registration is in progress. Responses can then come late and more than once for a step.
 
-#include "stepped_host.h"
 #include "input.h"
+#include "stepped_host.h"
 
 namespace {
 
@@ -51,15 +51,15 @@ public:
                 const std::uint8_t which = input.byte();
                 const std::string value = quoted(input.text(which >> 5 & 3));
                 host.respond((which & 0x1f) % outstanding, 0,
-                              "{\"result\": {\"user_token\": " + value + ", \"device_id\": " + value + "}}",
-                              (which & 0x80) != 0);
+                             "{\"result\": {\"user_token\": " + value + ", \"device_id\": " + value + "}}",
+                             (which & 0x80) != 0);
             }
             break;
         case 6: // The cloud's own words.
             if (outstanding != 0) {
                 const std::uint8_t which = input.byte();
                 host.respond((which & 0x1f) % outstanding, 0,
-                              R"({"error": {"message": )" + quoted(input.text(which >> 5)) + "}}");
+                             R"({"error": {"message": )" + quoted(input.text(which >> 5)) + "}}");
             }
             break;
         case 7:
@@ -146,7 +146,8 @@ private:
         command(host, kind, "start_cloud_registration", payload + "}");
     }
 
-    void command(fuzz::SteppedHost& host, std::uint8_t kind, const std::string& name, const std::string& payload) {
+    void command(fuzz::SteppedHost& host, std::uint8_t kind, const std::string& name,
+                 const std::string& payload) {
         const int type = (kind & 1) != 0 ? 2 : (kind >> 1 & 3) - 1;
         host.command(type, name, (static_cast<unsigned long long>(kind) << 56) + ++commands, payload);
     }

@@ -22,7 +22,8 @@ namespace fuzz {
 using kit::journal;
 using Worker = kit::Oracle::Worker;
 
-SteppedHost::SteppedHost(const kit::Settings& settings, int level, Script& owner) : script(owner), oracle(settings) {
+SteppedHost::SteppedHost(const kit::Settings& settings, int level, Script& owner)
+    : script(owner), oracle(settings) {
     // The fuzzer's own threads, which are not marked, get the system's own sleep().
     kit::mark_thread(kit::Role::daemon);
     kit::put_in_front(this);
@@ -106,7 +107,8 @@ void SteppedHost::interface_mac(const std::string& mac) {
     kit::set_mac_address(mac.empty() ? std::nullopt : std::optional<std::string>(mac));
 }
 
-int SteppedHost::select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional, timeval* timeout) {
+int SteppedHost::select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
+                        timeval* timeout) {
     require(oracle.worker() == Worker::waiting, "the worker went to sleep too early");
     oracle.waits();
     compare();

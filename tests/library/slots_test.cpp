@@ -124,13 +124,13 @@ void release_response(RawCloud* self, void* response) {
 char* build_request(RawCloud* /*self*/, const char* method, const char* params, unsigned int length,
                     bool fields) {
     journal().record(std::string("slot 2 ") + method + " " + std::string(params, length) +
-                                (fields ? " with fields" : ""));
+                     (fields ? " with fields" : ""));
     return strdup("built");
 }
 
 int publish_message(RawCloud* /*self*/, const char* name, const void* data, unsigned int length) {
     journal().record(std::string("slot 3 ") + name + " " +
-                                std::string(static_cast<const char*>(data), length));
+                     std::string(static_cast<const char*>(data), length));
     return 0;
 }
 

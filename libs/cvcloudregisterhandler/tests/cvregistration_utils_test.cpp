@@ -77,23 +77,6 @@ TEST_F(SettingsTest, StoredValuesAreKeptAsTheyAre) {
                                    "g_register_interface=wlan0"});
 }
 
-// ---- Names
-
-TEST(Constants, AreTheNamesThatTheDaemonAndTheCloudKnow) {
-    EXPECT_STREQ(kStartCloudRegMsg, "start_cloud_registration");
-    EXPECT_STREQ(kRetryCloudRegMsg, "retry_cloud_registration");
-    EXPECT_STREQ(kCloudRegDoneMsg, "cloud_registration_done");
-    EXPECT_STREQ(kToken, "token");
-    EXPECT_STREQ(kTokenType, "token_type");
-    EXPECT_STREQ(kRegisterMacAddress, "register_mac_address");
-    EXPECT_STREQ(kLoginService, "connect/login");
-    EXPECT_STREQ(kConnectMethod, "connect");
-    EXPECT_STREQ(kGetDeviceTokenMethod, "get_device_token");
-    EXPECT_STREQ(kRegisterService, "connect/box_mgmt");
-    EXPECT_STREQ(kRegisterMethod, "register_box");
-    EXPECT_STREQ(kTemporaryDeviceId, "thebox");
-}
-
 // ---- Error replies
 
 TEST_F(ErrorReplyTest, NamesEachIdentifier) {
