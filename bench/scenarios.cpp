@@ -1,5 +1,7 @@
 #include "scenarios.h"
 
+#include <utility>
+
 #include "cvutils/log.h"
 #include "handler_library.h"
 #include "process.h"
@@ -52,7 +54,7 @@ void register_box(LeanHost& host, CvHandlerAPI& handler, const Exchange& exchang
 }
 
 void expect_replies(LeanHost& host, int expected) {
-    const int replies = host.replies.exchange(0);
+    const int replies = std::exchange(host.replies, 0);
     if (replies != expected) {
         die("there should be " + std::to_string(expected) + " replies, not " + std::to_string(replies));
     }

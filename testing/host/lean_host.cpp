@@ -13,8 +13,6 @@
 
 namespace kit {
 
-static thread_local int replies_of_this_thread = 0;
-
 Signal::Signal() : descriptor(eventfd(0, EFD_SEMAPHORE | EFD_CLOEXEC)) {}
 
 Signal::~Signal() {
@@ -41,9 +39,7 @@ int LeanHost::send_request(const char* /*request*/, const char* /*service*/,
     user_data = request_user_data;
     if (held != nullptr) {
         held->signal();
-        if (resume != nullptr) {
-            resume->wait();
-        }
+        resume->wait();
     }
     return refuses ? 1 : 0;
 }
@@ -70,8 +66,7 @@ int LeanHost::daemon_operation() {
 }
 
 int LeanHost::send_response(const Message* /*reply*/) {
-    ++replies_of_this_thread;
-    replies.fetch_add(1, std::memory_order_relaxed);
+    ++replies;
     return 0;
 }
 
@@ -83,21 +78,19 @@ void LeanHost::init(CvHandlerAPI& handler) {
     }
 }
 
-bool LeanHost::command(CvHandlerAPI& handler, const char* name, const std::string& payload) {
+void LeanHost::command(CvHandlerAPI& handler, const char* name, const std::string& payload) {
     Message message = {};
     message.type = 2;
     std::strncpy(message.name, name, sizeof message.name - 1);
     message.request_id = ++request_id;
     message.payload_len = static_cast<std::uint32_t>(payload.length());
     message.payload = payload.data();
-    const int replies_before = replies_of_this_thread;
     const InModule module;
     handler.handle(&message);
-    return replies_of_this_thread != replies_before;
 }
 
-void LeanHost::answer(const std::string& body, std::uint32_t status) {
-    cvtessel_response response = {status, 0, const_cast<char*>(body.data()),
+void LeanHost::answer(const std::string& body) {
+    cvtessel_response response = {0, 0, const_cast<char*>(body.data()),
                                   static_cast<std::uint32_t>(body.length())};
     const cvtessel_callback answered = callback;
     if (answered == nullptr) {

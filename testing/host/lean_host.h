@@ -1,7 +1,6 @@
 #ifndef LEAN_HOST_H
 #define LEAN_HOST_H
 
-#include <atomic>
 #include <cstdint>
 #include <string>
 
@@ -49,23 +48,22 @@ public:
     /// Starts a handler's worker. Ends the program when the handler is not ready.
     void init(CvHandlerAPI& handler);
 
-    /// Delivers a command that wants a reply, and returns as handle() does: true when the reply was sent on
-    /// this thread meanwhile, a refusal. `name` and `payload` are used during the call only.
-    bool command(CvHandlerAPI& handler, const char* name, const std::string& payload);
+    /// Delivers a command that wants a reply, and returns as handle() does. `name` and `payload` are used
+    /// during the call only.
+    void command(CvHandlerAPI& handler, const char* name, const std::string& payload);
 
     /// Calls the callback of the outstanding request.
-    void answer(const std::string& body, std::uint32_t status = 0);
+    void answer(const std::string& body);
 
     /// When the last request or published message arrived, in nanoseconds().
     std::int64_t arrival = 0;
     /// send_request() refuses.
     bool refuses = false;
-    /// When set, send_request() signals `held`, and then waits for `resume` when that is set.
+    /// When set, send_request() signals `held` and then waits for `resume`.
     const Signal* held = nullptr;
     const Signal* resume = nullptr;
     int published = 0;
-    /// Replies so far. Relaxed, as nothing else may be handed over with it.
-    std::atomic<int> replies{0};
+    int replies = 0;
 
 private:
     cvtessel_callback callback = nullptr;

@@ -158,17 +158,14 @@ TEST_F(LifecycleTest, InitWithoutCloudAccessObjectFailsBeforeAnythingElse) {
     ExpectInitFails(nullptr);
     EXPECT_EQ(library->object<CvCloudAPI*>("g_cvcloud_api"), nullptr);
     EXPECT_TRUE(commands.empty());
-    EXPECT_EQ(journal().events(),
-              std::vector<std::string>{"log 0 init: There was an error while cloning cvcloud_api"});
+    EXPECT_EQ(journal().events(), std::vector<std::string>{text::kNoCloudAccess});
 }
 
 TEST_F(LifecycleTest, InitWithoutMemoryFailsBeforeTheCommandsAreListed) {
     calls::fail_next(Call::new_nothrow);
     ExpectInitFails(&cloud);
     EXPECT_TRUE(commands.empty());
-    EXPECT_EQ(
-        journal().events(),
-        std::vector<std::string>{"log 0 init: There was an error while creating a RegistrationHandler obj"});
+    EXPECT_EQ(journal().events(), std::vector<std::string>{text::kNoHandler});
     // The next one succeeds.
     Start();
     RegisterBox(7);
@@ -195,7 +192,7 @@ TEST_F(LifecycleTest, FailedInitInDirtyMemoryJoinsNoWorker) {
 
     EXPECT_EQ(commands, (std::vector<std::string>{"start_cloud_registration", "retry_cloud_registration"}));
     EXPECT_EQ(journal().events({"log 0", "log 2"}),
-              std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
+              std::vector<std::string>{text::no_pipe("Too many open files")});
     ExpectDescriptorZeroClosed();
     library->handler().uninit();
     EXPECT_EQ(open_descriptors(), before);
@@ -229,7 +226,7 @@ TEST_F(LifecycleTest, HandlerInDirtyMemoryIsIdleAndOwesNoReply) {
     cloud.answer_inside_next_send({"{}"});
     Start();
     start_registration(text::kStart, kWithoutReply, 7); // Would be refused as busy, or answered at its end.
-    AwaitEndOfRun("log 1 do_work: No more tries left. connect failed");
+    AwaitEndOfRun(text::no_more_tries("connect"));
     EXPECT_TRUE(journal().events({"reply"}).empty());
 }
 
@@ -242,8 +239,7 @@ TEST_F(LifecycleTest, DescriptorsBeyondTheReachOfSelectFailInit) {
     EXPECT_EQ(before.count("0"), 1U);
     ExpectInitFails(&cloud);
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(journal().events({"log 0"}),
-              std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
+    EXPECT_EQ(journal().events({"log 0"}), std::vector<std::string>{text::no_pipe("Too many open files")});
 }
 
 TEST_F(LifecycleTest, RunPipeBeyondTheReachOfSelectFailsInit) {
@@ -251,8 +247,7 @@ TEST_F(LifecycleTest, RunPipeBeyondTheReachOfSelectFailsInit) {
     const std::set<std::string> before = open_descriptors();
     ExpectInitFails(&cloud);
     EXPECT_EQ(open_descriptors(), before);
-    EXPECT_EQ(journal().events({"log 0"}),
-              std::vector<std::string>{"log 0 init_pipes: Failed to create pipe: Too many open files"});
+    EXPECT_EQ(journal().events({"log 0"}), std::vector<std::string>{text::no_pipe("Too many open files")});
 }
 
 TEST_F(LifecycleTest, LastDescriptorsWithinTheReachOfSelectServe) {
