@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <deque>
 #include <functional>
 #include <limits>
 
@@ -47,10 +48,18 @@ protected:
         journal().clear();
     }
 
-    /// As prepare(), with a login step that the test counts and answers.
-    void prepare_step(std::function<bool()> action) {
+    /// As prepare(), with a login step whose tries are recorded and end like this, the last of them ever
+    /// again.
+    void prepare_tries(std::deque<bool> results) {
         prepare();
-        handler.states[RegistrationHandler::LOGIN].action = std::move(action);
+        handler.states[RegistrationHandler::LOGIN].action = [results]() mutable {
+            journal().record("try");
+            const bool result = results.front();
+            if (results.size() > 1) {
+                results.pop_front();
+            }
+            return result;
+        };
     }
 
     void finish_login(const std::string& user_token = "u") {
@@ -436,11 +445,8 @@ TEST_F(StateMachineTest, AStepIsTriedOnceMoreThanItIsRetriedWithAPauseBeforeEach
     g_retry_num = 2;
     g_retry_interval = 11;
     handler.reset();
-    prepare_step([this] {
-        journal().record("try");
-        handler.error_response = "last error";
-        return false;
-    });
+    prepare_tries({false});
+    handler.error_response = "last error";
     handler.reply_requested = true;
     handler.run_state_machine();
     EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: 3", "try", "sleep 11", "try",
@@ -450,10 +456,7 @@ TEST_F(StateMachineTest, AStepIsTriedOnceMoreThanItIsRetriedWithAPauseBeforeEach
 }
 
 TEST_F(StateMachineTest, AStepWaitsOnceItsRequestIsOnItsWay) {
-    prepare_step([] {
-        journal().record("try");
-        return true;
-    });
+    prepare_tries({true});
     handler.run_state_machine();
     EXPECT_EQ(events(), (Events{"log 3 do_work: Number of tries left is: 4", "try"}));
     EXPECT_EQ(handler.state, RegistrationHandler::LOGIN);
@@ -463,10 +466,7 @@ TEST_F(StateMachineTest, AStepWaitsOnceItsRequestIsOnItsWay) {
 
 TEST_F(StateMachineTest, ASecondWakeUpSpendsATryAndSendsAgain) {
     g_retry_interval = 0;
-    prepare_step([] {
-        journal().record("try");
-        return true;
-    });
+    prepare_tries({true});
     handler.run_state_machine();
     handler.run_state_machine();
     EXPECT_EQ(events({"try", "sleep"}), (Events{"try", "sleep 0", "try"}));
@@ -476,11 +476,7 @@ TEST_F(StateMachineTest, ASecondWakeUpSpendsATryAndSendsAgain) {
 TEST_F(StateMachineTest, SendFailuresAndFailedResponsesShareTheBudget) {
     g_retry_num = 2;
     handler.reset();
-    int tries = 0;
-    prepare_step([&] {
-        journal().record("try");
-        return ++tries > 1; // The first cannot be sent.
-    });
+    prepare_tries({false, true});
     handler.run_state_machine();
     EXPECT_EQ(handler.login_progress.tries_left, 1);
     handler.set_user_token_info("", false, "first error");
@@ -497,22 +493,18 @@ TEST_F(StateMachineTest, SendFailuresAndFailedResponsesShareTheBudget) {
 TEST_F(StateMachineTest, ATryThatFollowsTwoSendFailuresIsTheLastOfTwoRetries) {
     g_retry_num = 2;
     handler.reset();
-    int tries = 0;
-    prepare_step([&] { return ++tries == 3; });
+    prepare_tries({false, false, true});
     handler.run_state_machine();
     handler.set_user_token_info("", false, "the error");
     handler.run_state_machine();
-    EXPECT_EQ(tries, 3);
+    EXPECT_EQ(events({"try"}).size(), 3U);
     expect_failed("the error");
 }
 
 TEST_F(StateMachineTest, WithoutRetriesAStepIsTriedOnce) {
     g_retry_num = 0;
     handler.reset();
-    prepare_step([] {
-        journal().record("try");
-        return false;
-    });
+    prepare_tries({false});
     handler.run_state_machine();
     EXPECT_EQ(events({"try", "sleep"}), Events{"try"});
     expect_failed("");
@@ -554,7 +546,8 @@ TEST_F(StateMachineTest, TheBoxRegistrationHasABudgetOfItsOwn) {
 }
 
 TEST_F(StateMachineTest, AnEmptyActionIsAProgrammingError) {
-    prepare_step({});
+    prepare();
+    handler.states[RegistrationHandler::LOGIN].action = {};
     EXPECT_THROW(handler.run_state_machine(), std::bad_function_call);
 }
 
