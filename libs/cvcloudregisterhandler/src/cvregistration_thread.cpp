@@ -36,8 +36,8 @@ bool RegistrationThread::init_pipes() {
     close_pipe(run_pipe);
     if (opened) {
         // uninit() closes both pipes again, and these numbers may be another thread's by then.
-        std::fill_n(stop_pipe, 2, -1);
-        std::fill_n(run_pipe, 2, -1);
+        stop_pipe[0] = stop_pipe[1] = -1;
+        run_pipe[0] = run_pipe[1] = -1;
     }
     return false;
 }
