@@ -78,18 +78,24 @@ void remember(const std::string& written) {
     tokens.erase("");
 }
 
-/// A terminal must not take a line, which may hold words of the cloud, for orders to itself.
-std::string without_controls(std::string line) {
+/// What others have written must neither begin a line of its own nor steer a terminal that shows the log.
+std::string escaped(const std::string& line) {
+    std::string result;
     for (std::size_t at = 0; at < line.size(); ++at) {
         const auto byte = static_cast<unsigned char>(line[at]);
         // The characters U+0080 to U+009F, which are controls too, have two bytes.
         const bool is_long =
             byte == 0xC2 && at + 1 < line.size() && static_cast<unsigned char>(line[at + 1]) < 0xA0;
-        if (byte < 0x20 || byte == 0x7F || is_long) {
-            line.replace(at, is_long ? 2 : 1, "?");
+        if (byte >= 0x20 && byte != 0x7F && !is_long) {
+            result += line[at];
+            continue;
         }
+        std::array<char, 8> code{};
+        at += is_long ? 1 : 0;
+        std::snprintf(code.data(), code.size(), "\\x%02x", static_cast<unsigned char>(line[at]));
+        result += code.data();
     }
-    return line;
+    return result;
 }
 
 } // namespace
@@ -129,7 +135,6 @@ void set_listener(Listener listener) {
 
 void print(int /*destination*/, int level, const char* line) {
     static constexpr std::array names{"error", "warning", "info", "detail"};
-    static const bool is_terminal = isatty(STDERR_FILENO) != 0;
     timespec now{};
     tm date{};
     clock_gettime(CLOCK_REALTIME, &now);
@@ -139,9 +144,8 @@ void print(int /*destination*/, int level, const char* line) {
     std::snprintf(head.data() + date_length, head.size() - date_length, ".%03ldZ %-7s ",
                   now.tv_nsec / 1000000, names[static_cast<std::size_t>(std::clamp(level, 0, 3))]);
 
-    const std::string shown = masks_tokens ? masked(line) : line;
-    const std::string text =
-        std::string(head.data()) + (is_terminal ? without_controls(shown) : shown) + '\n';
+    const std::string shown = escaped(masks_tokens ? masked(line) : line);
+    const std::string text = head.data() + shown + '\n';
     // One write for each line keeps the lines of different threads apart. A log that nobody can read any more
     // is no reason for the process to fail.
     [[maybe_unused]] const ssize_t ignored = write(STDERR_FILENO, text.data(), text.size());

@@ -67,9 +67,20 @@ def test_a_terminal_gets_no_controls(appliance):
                 log += data
     os.close(controller)
     text = log.decode()
-    assert "?[2J?2J?ü" in text
+    assert "\\x1b[2J\\x9b2J\\x0aü" in text
     assert "\033" not in text and "\u009b" not in text
     assert all(re.fullmatch(LINE, line) for line in text.rstrip().split("\r\n"))
+
+
+def test_words_of_the_cloud_begin_no_line_of_their_own(appliance):
+    forged = "2026-01-01T00:00:00.000Z error   all is well"
+    appliance.start_cloud()
+    appliance.ask_cloud("POST", "/faults", [f"connect=error:x\n{forged}"])
+    appliance.start_daemon()
+    assert appliance.cvex("start", "--json", "--token", PARTNER_TOKEN).returncode == 1
+    lines = log_of(appliance)
+    assert forged not in lines
+    assert any(f"\\x0a{forged}" in line for line in lines)
 
 
 @pytest.mark.parametrize("level", ["4", "-1", "much"])
