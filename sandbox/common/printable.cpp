@@ -1,5 +1,6 @@
 #include "common/printable.h"
 
+#include <algorithm>
 #include <clocale>
 #include <cstdio>
 #include <string_view>
@@ -26,6 +27,10 @@ bool has_utf8_locale() {
 }
 
 std::string printable(const std::string& text, bool utf8) {
+    const auto is_plain = [](char byte) { return byte >= 0x20 && byte < 0x7F; };
+    if (std::all_of(text.begin(), text.end(), is_plain)) {
+        return text;
+    }
     std::string result;
     for_each_character(valid_utf8(text), [&](std::uint32_t code_point, const std::string& bytes) {
         const bool is_control = code_point < 0x20 || (code_point >= 0x7F && code_point < 0xA0) ||
@@ -47,7 +52,9 @@ std::string printable_on(int descriptor, const std::string& text) {
 
 void print_line(const std::string& line) {
     const std::string text = isatty(STDOUT_FILENO) == 0 ? line : printable_on(STDOUT_FILENO, line);
-    std::printf("%s\n", text.c_str());
+    // Whole, also with a NUL in it.
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::putchar('\n');
 }
 
 } // namespace sandbox

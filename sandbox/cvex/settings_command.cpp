@@ -5,12 +5,12 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <limits>
 #include <memory>
 #include <optional>
 
 #include <nlohmann/json.hpp>
 
+#include "common/json_text.h"
 #include "common/printable.h"
 #include "cvutils/settings_file.h"
 
@@ -65,11 +65,6 @@ std::optional<Type> type_of(const std::string& key) {
     return is_address ? std::optional(Type::text) : std::nullopt;
 }
 
-bool is_int(const json_t* value) {
-    return json_is_integer(value) && json_integer_value(value) >= std::numeric_limits<int>::min() &&
-           json_integer_value(value) <= std::numeric_limits<int>::max();
-}
-
 std::optional<int> parse_int(const std::string& text) {
     int number = 0;
     const char* const end = text.data() + text.size();
@@ -79,7 +74,7 @@ std::optional<int> parse_int(const std::string& text) {
 
 ordered_json to_json(const json_t* value) {
     const std::unique_ptr<char, void (*)(void*)> text(json_dumps(value, JSON_ENCODE_ANY), &std::free);
-    return ordered_json::parse(text.get());
+    return sandbox::parse_json(text.get());
 }
 
 /// A value that no reader of the store can use: neither an integer nor a text, or not what the key is read
@@ -87,12 +82,15 @@ ordered_json to_json(const json_t* value) {
 std::string problem_of(const settings::File& store, const std::string& key) {
     const std::optional<Type> type = type_of(key);
     const json_t* const value = store.value(key);
+    if (const std::string problem = store.range_problem(key); !problem.empty()) {
+        return problem + ": correct it with cvex settings set";
+    }
     const char* wanted = nullptr;
-    if (type == Type::integer && !is_int(value)) {
+    if (type == Type::integer && !json_is_integer(value)) {
         wanted = "an integer";
     } else if (type == Type::text && !json_is_string(value)) {
         wanted = "a text";
-    } else if (!type && !is_int(value) && !json_is_string(value)) {
+    } else if (!type && !json_is_integer(value) && !json_is_string(value)) {
         wanted = "an integer or a text";
     }
     return wanted == nullptr ? std::string()

@@ -38,7 +38,11 @@ const json_t* find(const std::optional<settings::File>& store, const std::string
                    const char* wanted) {
     const json_t* const value = store ? store->value(key) : nullptr;
     if (value != nullptr && !is_wanted(value)) {
-        log_error("settings file " + store->place(key) + ": \"" + key + "\" is not " + wanted +
+        // The file may have been edited since it was checked.
+        const std::string problem = store->range_problem(key);
+        log_error((problem.empty()
+                       ? "settings file " + store->place(key) + ": \"" + key + "\" is not " + wanted
+                       : problem) +
                   "; its default is used");
         return nullptr;
     }
@@ -56,6 +60,11 @@ std::string use_settings_file(const std::string& path) {
     settings_file = path;
     try {
         const settings::File store(path);
+        for (const std::string& key : store.keys()) {
+            if (std::string problem = store.range_problem(key); !problem.empty()) {
+                return problem;
+            }
+        }
         return {};
     } catch (const settings::FileError& error) {
         return error.what();

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -90,21 +91,25 @@ bool write_all(int descriptor, const std::string& text) {
 } // namespace
 
 File::File(const std::string& file_path) : path(file_path) {
-    // A directory could be opened, and then not be read.
-    std::error_code error_of_status;
-    if (std::filesystem::is_directory(path, error_of_status)) {
+    // A directory could be opened, and then not be read; a pipe could keep the reader waiting.
+    std::error_code error;
+    const std::filesystem::file_type type = std::filesystem::status(path, error).type();
+    if (type == std::filesystem::file_type::directory) {
         fail(path, "read", EISDIR);
+    }
+    if (!error && type != std::filesystem::file_type::regular) {
+        throw FileError("settings file " + path + " cannot be read: it is not a regular file");
     }
     std::ifstream file(path, std::ios::binary);
     if (!file.is_open()) {
         fail(path, "read", errno);
     }
     text.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    json_error_t error{};
-    document.reset(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &error));
+    json_error_t problem{};
+    document.reset(json_loadb(text.data(), text.size(), JSON_REJECT_DUPLICATES, &problem));
     if (!document) {
-        throw FileError("settings file " + path + ":" + std::to_string(std::max(error.line, 1)) + ":" +
-                        std::to_string(std::max(error.column, 1)) + ": " + error.text);
+        throw FileError("settings file " + path + ":" + std::to_string(std::max(problem.line, 1)) + ":" +
+                        std::to_string(std::max(problem.column, 1)) + ": " + problem.text);
     }
     if (!json_is_object(document.get())) {
         throw FileError("settings file " + path + ":1:1: not a JSON object of key to value");
@@ -152,6 +157,16 @@ std::string File::place(const std::string& key) const {
         1 + std::count_if(text.begin() + static_cast<std::ptrdiff_t>(line_begin), text.begin() + begin,
                           [](char byte) { return (byte & 0xC0) != 0x80; });
     return path + ":" + std::to_string(line) + ":" + std::to_string(column);
+}
+
+std::string File::range_problem(const std::string& key) const {
+    const json_t* const stored = value(key);
+    const json_int_t number = json_integer_value(stored);
+    if (!json_is_integer(stored) || (number >= INT_MIN && number <= INT_MAX)) {
+        return {};
+    }
+    return "settings file " + place(key) + ": \"" + key + "\" is " + std::to_string(number) +
+           ", but an integer is " + std::to_string(INT_MIN) + " to " + std::to_string(INT_MAX);
 }
 
 std::string File::text_with(const std::string& key, const std::string& value) const {

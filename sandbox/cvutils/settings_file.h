@@ -31,6 +31,10 @@ public:
     /// "path:line:column" of the key's value, for whoever looks for it in an editor. The key is set.
     std::string place(const std::string& key) const;
 
+    /// What is wrong with the key's value when it is an integer that a setting cannot hold, with the place;
+    /// empty when it is not. The key is set.
+    std::string range_problem(const std::string& key) const;
+
     /// The whole text with the key set to the value, a JSON text, in place or as the last member.
     std::string text_with(const std::string& key, const std::string& value) const;
 
