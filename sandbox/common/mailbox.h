@@ -45,6 +45,11 @@ public:
         return true;
     }
 
+    std::size_t size() const {
+        const std::lock_guard lock(mutex);
+        return items.size();
+    }
+
     std::optional<Item> take() {
         const std::lock_guard lock(mutex);
         if (items.empty()) {

@@ -2,6 +2,8 @@
 
 #include <cmath>
 
+#include "cvex/reply.h"
+
 namespace cvcloudd {
 
 using nlohmann::ordered_json;
@@ -46,17 +48,16 @@ void Activity::replied(std::uint64_t request_id, const std::string& payload) {
         return;
     }
     is_running = false;
-    result = {{"command", command_name}};
-    const ordered_json reply = ordered_json::parse(payload, nullptr, false);
-    if (reply.is_discarded()) {
-        // A failure whose reason has quotes, for example.
-        result["reply"] = payload;
-    }
     // The reply's other members are the requester's alone.
-    for (const char* member : {"result", "reason"}) {
-        if (reply.is_object() && reply.contains(member)) {
-            result[member] = reply[member];
-        }
+    const auto [outcome, reason] = cvex::read_reply(payload);
+    result = {{"command", command_name}};
+    if (outcome.empty()) {
+        result["reply"] = payload;
+        return;
+    }
+    result["result"] = outcome;
+    if (outcome != "ok") {
+        result["reason"] = reason;
     }
 }
 

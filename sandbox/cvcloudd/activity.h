@@ -30,7 +30,7 @@ public:
     nlohmann::ordered_json registration() const;
 
     /// {"command", "result", "reason"} of the last registration that has ended, {"command", "reply"} when the
-    /// reply was no JSON, or null.
+    /// reply has no result, or null.
     nlohmann::ordered_json last_result() const;
 
 private:

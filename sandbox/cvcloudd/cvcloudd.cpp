@@ -6,18 +6,22 @@
 #include <exception>
 #include <map>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <curl/curl.h>
 #include <nlohmann/json.hpp>
 #include <poll.h>
+#include <sys/eventfd.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
 
 #include "common/command_line.h"
 #include "common/handler_library.h"
+#include "common/process.h"
 #include "cvcloudd/daemon_cloud.h"
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/log_line.h"
@@ -42,6 +46,9 @@ struct Options {
     sandbox::CloudAccessOptions cloud;
     std::vector<std::string> refusals;
 };
+
+/// Of the exchange, the cloud requests, two handlers and a few clients.
+constexpr int descriptors_needed = 64;
 
 const auto daemon_start = std::chrono::steady_clock::now();
 
@@ -71,6 +78,32 @@ public:
 
 private:
     int descriptor;
+};
+
+/// Ends the process on a stop signal for as long as this lives, while the daemon starts: it may hang in a
+/// file that nobody writes to, or in a handler. Nothing has been accepted yet that would have to be ended.
+class StartGuard {
+public:
+    explicit StartGuard(const StopSignal& stop)
+        : over(eventfd(0, EFD_CLOEXEC)), thread([this, &stop] {
+              pollfd descriptors[] = {{stop.fd(), POLLIN, 0}, {over, POLLIN, 0}};
+              while (poll(descriptors, 2, -1) == -1) {
+              }
+              if (descriptors[1].revents == 0) {
+                  _exit(0);
+              }
+          }) {}
+    ~StartGuard() {
+        eventfd_write(over, 1);
+        thread.join();
+        close(over);
+    }
+    StartGuard(const StartGuard&) = delete;
+    StartGuard& operator=(const StartGuard&) = delete;
+
+private:
+    const int over;
+    std::thread thread;
 };
 
 /// The loaded handlers and who of them takes which command. For the dispatch thread.
@@ -163,14 +196,15 @@ std::string describe_status(const Handlers& handlers, const Activity& activity) 
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - daemon_start);
     const nlohmann::ordered_json status{
-        {"result", "ok"},
         {"pid", getpid()},
         {"seconds", seconds.count()},
         {"log_level", __atomic_load_n(&cv::log::current_level, __ATOMIC_RELAXED)},
         {"handlers", handlers.describe()},
         {"registration", activity.registration()},
         {"last_result", activity.last_result()}};
-    return status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    // With the beginning that every reply of a success has.
+    return R"({"result": "ok", )" +
+           status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).substr(1);
 }
 
 void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
@@ -221,6 +255,7 @@ void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchan
 
 void serve(const Options& options) {
     const StopSignal stop;
+    std::optional<StartGuard> start_guard(stop);
     if (!options.settings_file.empty()) {
         const std::string problem = cv::setMgmt::use_settings_file(options.settings_file);
         if (!problem.empty()) {
@@ -235,6 +270,7 @@ void serve(const Options& options) {
     for (const std::string& path : options.handlers) {
         handlers.load(path);
     }
+    start_guard.reset();
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
     dispatch(stop, handlers, exchange, recorder);
@@ -323,6 +359,7 @@ int main(int argc, char** argv) {
     curl_global_init(CURL_GLOBAL_DEFAULT);
     int exit_code = 0;
     try {
+        sandbox::prepare_process(cvcloudd::descriptors_needed);
         cvcloudd::serve(options);
     } catch (const std::exception& error) {
         sandbox::print_problem(app, error.what());

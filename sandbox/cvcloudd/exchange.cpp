@@ -10,6 +10,8 @@
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 #include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include "cvcloudd/log_line.h"
@@ -19,6 +21,12 @@ namespace cvcloudd {
 namespace {
 
 constexpr int linger_milliseconds = 1000;
+/// So many commands may wait for the dispatch thread, and as many for their reply.
+constexpr std::size_t commands_limit = 1000;
+/// What libzmq keeps of one client before this thread has read it: messages, and bytes of a frame. One that
+/// is longer ends the connection.
+constexpr int unread_limit = 100;
+constexpr std::int64_t frame_limit = 16 * cvex::payload_limit;
 
 void open_socket(zmq::socket_t& socket, const std::string& endpoint) {
     socket.set(zmq::sockopt::linger, linger_milliseconds);
@@ -30,11 +38,33 @@ void open_socket(zmq::socket_t& socket, const std::string& endpoint) {
     }
 }
 
+/// Kept open to be closed when a connection has come for which no descriptor is left.
+int reserve_descriptor = -1;
+
 } // namespace
 
+/// What libzmq accepts connections with. It ends the process when no descriptor is left: such a connection is
+/// accepted in the place of the reserve and closed. On libzmq's thread alone.
+extern "C" int accept4(int socket, sockaddr* address, socklen_t* length, int flags) {
+    const auto accept_one = [=] {
+        return static_cast<int>(syscall(SYS_accept4, socket, address, length, flags));
+    };
+    const int accepted = accept_one();
+    if (accepted != -1 || errno != EMFILE || reserve_descriptor == -1) {
+        return accepted;
+    }
+    log_line(0, "a client is turned away: no descriptor is left; raise ulimit -n");
+    close(reserve_descriptor);
+    close(accept_one());
+    reserve_descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    errno = ECONNABORTED;
+    return -1;
+}
+
 std::string error_reply(const std::string& result, const std::string& reason) {
-    const nlohmann::ordered_json reply{{"result", result}, {"reason", reason}};
-    return reply.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    using nlohmann::json;
+    return R"({"result": ")" + result + R"(", "reason": )" +
+           json(reason).dump(-1, ' ', false, json::error_handler_t::replace) + "}";
 }
 
 Exchange::DirectoryLock::DirectoryLock(const std::string& run_directory) {
@@ -61,8 +91,14 @@ Exchange::Exchange(const std::string& run_directory)
       publisher(context, zmq::socket_type::xpub) {
     // Each new subscription is to be seen here, also when others have subscribed to the same before.
     publisher.set(zmq::sockopt::xpub_verbose, 1);
+    router.set(zmq::sockopt::rcvhwm, unread_limit);
+    router.set(zmq::sockopt::maxmsgsize, frame_limit);
+    publisher.set(zmq::sockopt::maxmsgsize, frame_limit);
+    // A reply that cannot be sent is an error, not silently lost.
+    router.set(zmq::sockopt::router_mandatory, 1);
     // The lock is held, so a socket file that is still there was left by a daemon that was killed: it is
     // replaced.
+    reserve_descriptor = open("/dev/null", O_RDONLY | O_CLOEXEC);
     open_socket(publisher, cvex::published_endpoint(run_directory));
     open_socket(router, cvex::commands_endpoint(run_directory));
     thread = std::thread(&Exchange::run, this);
@@ -102,7 +138,7 @@ void Exchange::run() {
             receive_command();
         }
         if ((items[1].revents & ZMQ_POLLIN) != 0) {
-            acknowledge_subscription();
+            acknowledge_subscriptions();
         }
         while (const auto item = outgoing.take()) {
             if (const auto* reply_item = std::get_if<OutgoingReply>(&*item)) {
@@ -123,7 +159,16 @@ void Exchange::receive_command() {
     std::string sender;
     try {
         ReceivedCommand item{++last_request_id, cvex::receive_command(router, sender)};
-        if (item.command.type == cvex::type_wants_reply) {
+        const bool wants_reply = item.command.type == cvex::type_wants_reply;
+        if (received.size() >= commands_limit || requesters.size() >= commands_limit) {
+            const std::string reason = std::to_string(commands_limit) + " commands wait already";
+            log_line(1, "the command " + item.command.name + " is refused: " + reason);
+            if (wants_reply) {
+                send_reply_to(sender, error_reply("error_other", reason));
+            }
+            return;
+        }
+        if (wants_reply) {
             requesters[item.request_id] = sender;
         }
         if (!received.put(std::move(item))) {
@@ -135,9 +180,14 @@ void Exchange::receive_command() {
     }
 }
 
-void Exchange::acknowledge_subscription() {
+void Exchange::acknowledge_subscriptions() {
+    // One message for all that have come: every subscriber gets it.
+    bool has_come = false;
     zmq::message_t message;
-    if (publisher.recv(message) && message.size() > 0 && *message.data<char>() == 1) {
+    while (publisher.recv(message, zmq::recv_flags::dontwait)) {
+        has_come = has_come || (message.size() > 0 && *message.data<char>() == 1);
+    }
+    if (has_come) {
         send_published(cvex::subscribed_message, "");
     }
 }
@@ -153,11 +203,27 @@ void Exchange::send_reply(const OutgoingReply& reply_item) {
 }
 
 void Exchange::send_reply_to(const std::string& requester, const std::string& payload) {
-    cvex::send_reply(router, requester, {payload, last_published});
+    try {
+        if (cvex::send_reply(router, requester, {payload, last_published})) {
+            return;
+        }
+        log_line(1, "a reply is lost: its requester does not take its replies");
+    } catch (const zmq::error_t& error) {
+        log_line(2, "a reply is lost: its requester has gone (" + std::string(error.what()) + ")");
+    }
 }
 
 void Exchange::send_published(const std::string& name, const std::string& payload) {
-    cvex::publish(publisher, {name, payload, ++last_published});
+    const cvex::PublishedMessage message{name, payload, ++last_published};
+    const bool was_losing = std::exchange(is_losing, !cvex::publish(publisher, message, true));
+    if (!is_losing) {
+        return;
+    }
+    cvex::publish(publisher, message, false);
+    if (!was_losing) {
+        log_line(1, "a subscriber does not take what is published and loses messages, the first of them " +
+                        name);
+    }
 }
 
 } // namespace cvcloudd

@@ -25,7 +25,8 @@ struct ReceivedCommand {
 /// waits for which reply, and sends what handlers reply and publish.
 ///
 /// Every command that wants a reply gets exactly one: the handler's, or the exchange's own when the command
-/// could not be delivered or the daemon stopped before the handler answered.
+/// could not be delivered or the daemon stopped before the handler answered. What waits is bounded: a command
+/// beyond it is refused; a client that does not read loses what is sent to it, and a line of the log says so.
 class Exchange {
 public:
     /// Binds the sockets in `run_directory`; throws std::runtime_error when another daemon serves it or it
@@ -83,7 +84,7 @@ private:
 
     void run();
     void receive_command();
-    void acknowledge_subscription();
+    void acknowledge_subscriptions();
     void send_reply(const OutgoingReply& reply);
     void send_reply_to(const std::string& requester, const std::string& payload);
     void send_published(const std::string& name, const std::string& payload);
@@ -98,10 +99,12 @@ private:
     std::uint64_t last_request_id = 0;
     std::uint64_t last_published = 0;
     std::map<std::uint64_t, std::string> requesters;
+    /// A subscriber has missed the last message that was published.
+    bool is_losing = false;
     std::thread thread;
 };
 
-/// The error reply of the daemon itself, in the form of the handlers' error replies.
+/// The error reply of the daemon itself, in the form of the handlers' error replies, but always JSON.
 std::string error_reply(const std::string& result, const std::string& reason);
 
 } // namespace cvcloudd

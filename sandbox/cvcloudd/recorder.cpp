@@ -10,8 +10,10 @@
 
 #include <fcntl.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include "common/json_text.h"
 #include "cvcloudd/log_line.h"
 #include "cvutils_control.h"
 
@@ -44,7 +46,7 @@ std::string process_name() {
 }
 
 ordered_json parse_object(const char* text) {
-    ordered_json document = ordered_json::parse(text, nullptr, false);
+    ordered_json document = sandbox::parse_json(text);
     return document.is_object() ? document : ordered_json::object();
 }
 
@@ -65,8 +67,10 @@ Recorder::Recorder(const std::string& path)
     if (path.empty()) {
         return;
     }
-    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (descriptor == -1 || !write_line({{"record", "cvcloudd 1"}, {"started", utc_now()}})) {
+    // Neither a link that somebody else has put there, nor a file that somebody else can read.
+    descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    if (descriptor == -1 || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 ||
+        !write_line({{"record", "cvcloudd 1"}, {"started", utc_now()}})) {
         const std::string reason = std::strerror(errno);
         if (descriptor != -1) {
             close(descriptor);

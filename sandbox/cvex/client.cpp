@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <cstring>
+#include <system_error>
 #include <utility>
 
 #include <sys/socket.h>
@@ -13,20 +15,24 @@ namespace cvex {
 
 namespace {
 
-constexpr std::chrono::seconds connect_timeout{5};
 constexpr std::chrono::milliseconds hand_over_timeout{1000};
+/// For messages that a reply has overtaken; the daemon may have dropped them.
+constexpr std::chrono::milliseconds overtaken_timeout{1000};
 constexpr const char* monitor_endpoint = "inproc://monitor";
 
-/// Whether somebody accepts connections on the socket file. ZeroMQ itself would wait for it to appear.
+/// Whether somebody listens on the socket file. ZeroMQ itself would wait for it to appear.
 bool is_served(const std::string& path) {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::memcpy(address.sun_path, path.c_str(), path.size());
-    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (descriptor == -1) {
-        return false;
+        throw std::system_error(errno, std::generic_category(), "socket");
     }
-    const bool served = connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+    // So many connections may wait for a daemon that is stopped that there is no room for another.
+    const bool served =
+        connect(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
+        errno == EAGAIN;
     close(descriptor);
     return served;
 }
@@ -54,7 +60,7 @@ void discard_message(zmq::socket_t& socket) {
 
 } // namespace
 
-Client::Client(const std::string& directory)
+Client::Client(const std::string& directory, std::chrono::milliseconds patience)
     : run_directory(directory), commands(context, zmq::socket_type::dealer),
       monitor(context, zmq::socket_type::pair), monitoring(start_monitoring(commands), stop_monitoring),
       published(context, zmq::socket_type::sub) {
@@ -70,20 +76,31 @@ Client::Client(const std::string& directory)
     published.set(zmq::sockopt::subscribe, "");
     published.connect(published_endpoint(run_directory));
 
-    const auto deadline = std::chrono::steady_clock::now() + connect_timeout;
+    const auto deadline = std::chrono::steady_clock::now() + patience;
     for (;;) {
         const Event event = wait(deadline);
         if (std::holds_alternative<TimedOut>(event)) {
-            throw NoDaemon("cvcloudd does not answer in the run directory " + run_directory + ": restart it");
+            throw NoDaemon("the cvcloudd in the run directory " + run_directory +
+                           " does not answer: restart it");
         }
         if (const auto* message = std::get_if<PublishedMessage>(&event);
             message != nullptr && message->name == subscribed_message) {
+            lost = 0;
             return;
         }
     }
 }
 
+std::uint64_t Client::take_lost() {
+    return std::exchange(lost, 0);
+}
+
 void Client::send(const Command& command) {
+    if (command.payload.size() > payload_limit) {
+        throw std::runtime_error("the payload has " + std::to_string(command.payload.size()) +
+                                 " bytes, more than the " + std::to_string(payload_limit) +
+                                 " that a command carries: shorten it");
+    }
     if (command.type == type_wants_reply) {
         ++replies_owed;
     }
@@ -94,6 +111,9 @@ Event Client::wait(std::chrono::steady_clock::time_point deadline) {
     for (;;) {
         if (early_reply && early_reply->published_before <= last_seen) {
             return *std::exchange(early_reply, std::nullopt);
+        }
+        if (early_reply) {
+            deadline = std::min(deadline, early_until);
         }
         if (is_lost) {
             // What has come before the end is still there to be read, and nothing more comes.
@@ -108,11 +128,13 @@ Event Client::wait(std::chrono::steady_clock::time_point deadline) {
         zmq::poll(items.data(), early_reply ? 2 : 3, std::max(left, std::chrono::milliseconds(0)));
         if ((items[0].revents & ZMQ_POLLIN) != 0) {
             PublishedMessage message = receive_published(published);
+            lost += last_seen != 0 && message.number > last_seen ? message.number - last_seen - 1 : 0;
             last_seen = message.number;
             return message;
         }
         if ((items[2].revents & ZMQ_POLLIN) != 0) {
             early_reply = receive_reply(commands);
+            early_until = std::chrono::steady_clock::now() + overtaken_timeout;
             replies_owed -= std::min(replies_owed, 1U);
         } else if ((items[1].revents & ZMQ_POLLIN) != 0) {
             discard_message(monitor);

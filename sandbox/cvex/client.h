@@ -29,16 +29,22 @@ using Event = std::variant<Reply, PublishedMessage, TimedOut>;
 /// published from the end of the constructor on. For one thread.
 class Client {
 public:
-    /// Connects and subscribes; throws NoDaemon.
-    explicit Client(const std::string& run_directory);
+    /// Connects and subscribes within `patience`; throws NoDaemon when nobody answers.
+    explicit Client(const std::string& run_directory,
+                    std::chrono::milliseconds patience = std::chrono::seconds(5));
 
-    /// Hands the command over; it is on its way even when the connection is closed at once.
+    /// Hands the command over; it is on its way even when the connection is closed at once. Throws
+    /// std::runtime_error when its payload is too long.
     void send(const Command& command);
 
     /// The next event, or TimedOut when none comes before `deadline`. What was published before a reply was
     /// sent is told before the reply. Throws NoDaemon when the daemon has gone and a reply is still owed: it
     /// will not come any more.
     Event wait(std::chrono::steady_clock::time_point deadline);
+
+    /// How many messages were published and have not come, since this was last asked: the daemon does not
+    /// keep them without limit for a client that does not read.
+    std::uint64_t take_lost();
 
 private:
     const std::string run_directory;
@@ -52,8 +58,10 @@ private:
     unsigned replies_owed = 0;
     zmq::socket_t published;
     std::uint64_t last_seen = 0;
+    std::uint64_t lost = 0;
     /// A reply that has overtaken what was published before it.
     std::optional<Reply> early_reply;
+    std::chrono::steady_clock::time_point early_until;
 };
 
 } // namespace cvex

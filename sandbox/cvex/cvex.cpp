@@ -15,8 +15,11 @@
 #include <unistd.h>
 
 #include "common/command_line.h"
+#include "common/json_text.h"
 #include "common/printable.h"
+#include "common/process.h"
 #include "cvex/client.h"
+#include "cvex/reply.h"
 #include "cvex/settings_command.h"
 #include "cvex/steps.h"
 #include "cvex/timeline.h"
@@ -48,7 +51,8 @@ constexpr std::chrono::milliseconds tick_interval{100};
 
 struct Options {
     std::string run_directory;
-    std::string token;
+    std::optional<std::string> token;
+    std::string token_file;
     std::string token_type = "partner";
     std::string mac;
     std::string name;
@@ -78,17 +82,13 @@ std::chrono::steady_clock::duration to_duration(double seconds) {
         std::chrono::duration<double>(seconds));
 }
 
-json parse(const std::string& text) {
-    return json::parse(text, nullptr, false);
-}
-
 ExitCode outcome_of(const std::string& reply) {
     static const std::set<std::string> refusals{"error_invalid_arguments", "error_in_progress",
                                                 "error_other"};
     if (reply.empty()) {
         return exit_refused;
     }
-    const std::string result = text_member(parse(reply), "result");
+    const std::string result = cvex::read_reply(reply).result;
     if (result == "ok") {
         return exit_ok;
     }
@@ -97,11 +97,9 @@ ExitCode outcome_of(const std::string& reply) {
 
 std::string describe_failure(const std::string& command, const std::string& reply, ExitCode outcome,
                              const std::string& last_error) {
-    const json document = parse(reply);
-    const std::string result = text_member(document, "result");
+    const auto [result, reason] = cvex::read_reply(reply);
     std::string text = command + (outcome == exit_refused ? " was refused: " : " failed: ");
-    text +=
-        result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + text_member(document, "reason");
+    text += result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + reason;
     if (outcome == exit_failed) {
         text += (last_error.empty() ? "" : " (" + last_error + ")") +
                 "; correct the cause, then start again or resume with cvex retry";
@@ -116,7 +114,10 @@ void print_status(const json& status);
 
 /// Sends the command and tells what happens until it is answered.
 int converse(const CLI::App& app, const Options& options, const cvex::Command& command, Form form) {
-    cvex::Client client(options.run_directory);
+    // Connecting has a second of its own, however short the wait for the reply is to be.
+    cvex::Client client(options.run_directory,
+                        std::chrono::ceil<std::chrono::milliseconds>(
+                            std::chrono::duration<double>(std::clamp(options.timeout_seconds, 1.0, 5.0))));
     client.send(command);
     if (options.no_reply) {
         if (form == Form::steps) {
@@ -161,7 +162,7 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
                                        describe_failure(command.name, reply, outcome, steps->last_error));
             }
         } else if (form == Form::status && outcome == exit_ok) {
-            print_status(parse(reply));
+            print_status(sandbox::parse_json<json>(reply));
         } else {
             sandbox::print_line(reply);
         }
@@ -169,8 +170,35 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
     }
 }
 
+/// The token as the command line tells it; a file comes before the environment.
+std::optional<std::string> find_token(const CLI::App& app, const Options& options) {
+    if (options.token_file.empty()) {
+        if (!options.token) {
+            sandbox::print_problem(app,
+                                   "a token is required: --token-file, the environment variable CVEX_TOKEN "
+                                   "or --token; see cvex start --help");
+        }
+        return options.token;
+    }
+    std::string token;
+    std::ifstream file;
+    if (options.token_file != "-") {
+        file.open(options.token_file);
+    }
+    if (!std::getline(options.token_file == "-" ? std::cin : file, token)) {
+        sandbox::print_problem(app, "no token can be read from " + options.token_file +
+                                        "; --token-file names a file whose first line is the token");
+        return std::nullopt;
+    }
+    return token;
+}
+
 int start(const CLI::App& app, const Options& options) {
-    json payload{{"token", options.token}, {"token_type", options.token_type}};
+    const std::optional<std::string> token = find_token(app, options);
+    if (!token) {
+        return sandbox::exit_usage;
+    }
+    json payload{{"token", *token}, {"token_type", options.token_type}};
     if (!options.mac.empty()) {
         payload["register_mac_address"] = options.mac;
     }
@@ -276,6 +304,10 @@ int listen(const Options& options) {
     while (Clock::now() < end) {
         const cvex::Event event = client.wait(std::min(end, Clock::now() + std::chrono::hours(1)));
         const auto* message = std::get_if<cvex::PublishedMessage>(&event);
+        if (const std::uint64_t lost = client.take_lost(); lost > 0) {
+            std::fprintf(stderr, "cvex: %llu messages were lost: they came faster than they were read\n",
+                         static_cast<unsigned long long>(lost));
+        }
         if (message == nullptr || message->name == cvex::subscribed_message) {
             continue;
         }
@@ -283,7 +315,7 @@ int listen(const Options& options) {
             const json line{{"name", message->name}, {"payload", message->payload}};
             sandbox::print_line(line.dump(-1, ' ', false, json::error_handler_t::replace));
         } else {
-            sandbox::print_line(message->name + " " + message->payload);
+            std::puts(sandbox::printable_on(STDOUT_FILENO, message->name + " " + message->payload).c_str());
         }
     }
     return exit_ok;
@@ -344,9 +376,15 @@ int main(int argc, char** argv) {
             ->required();
 
     CLI::App* start_command = app.add_subcommand("start", "Register the box: send start_cloud_registration");
-    start_command->add_option("--token", options.token, "Token of the user who registers the box")
+    start_command
+        ->add_option("--token", options.token,
+                     "Token of the user who registers the box; the list of processes shows it")
         ->type_name("TOKEN")
-        ->required();
+        ->envname("CVEX_TOKEN");
+    start_command
+        ->add_option("--token-file", options.token_file,
+                     "Read the token from the first line of this file, or of the standard input for -")
+        ->type_name("FILE");
     start_command->add_option("--token-type", options.token_type, "Kind of the token")
         ->check(CLI::IsMember({"partner", "temporary"}).description(""))
         ->type_name("partner|temporary")
@@ -389,7 +427,7 @@ int main(int argc, char** argv) {
         "Print one object: pid, seconds (since its start), log_level, handlers (library, "
         "mandatory, commands), registration (state idle, request, pause or unknown; "
         "command, step, try, error, seconds), last_result (command, result, reason; or command, reply when "
-        "that is no JSON)");
+        "that has no result)");
     add_timeout(*status_command, options);
 
     CLI::App* log_level_command =
@@ -428,6 +466,8 @@ int main(int argc, char** argv) {
     // Steps are shown as they happen, also to a reader behind a pipe.
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     try {
+        // The connection to the daemon takes 16.
+        sandbox::prepare_process(32);
         if (start_command->parsed()) {
             return start(app, options);
         }

@@ -10,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include "common/json_text.h"
 #include "common/printable.h"
 
 namespace cvex {
@@ -190,7 +191,7 @@ void Steps::tell(const PublishedMessage& message) {
     if (message.name != progress_message) {
         return;
     }
-    const nlohmann::json progress = nlohmann::json::parse(message.payload, nullptr, false);
+    const nlohmann::json progress = sandbox::parse_json<nlohmann::json>(message.payload);
     const std::string method = text_member(progress, "method");
     if (text_member(progress, "event") == "sent") {
         sent_request(method, ++tries[method], text_member(progress, "service"));

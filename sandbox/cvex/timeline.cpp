@@ -7,6 +7,8 @@
 #include <optional>
 #include <utility>
 
+#include "common/json_text.h"
+#include "cvex/reply.h"
 #include "cvex/wire.h"
 
 namespace cvex {
@@ -33,7 +35,7 @@ std::pair<std::string, std::string> failure_of_response(const ordered_json& resp
         return {"status " + std::to_string(status), response["error"]};
     }
     const std::string body = response["body"];
-    const json document = json::parse(body, nullptr, false);
+    const json document = sandbox::parse_json<json>(body);
     if (document.is_discarded()) {
         return {body.empty() ? "empty" : "no JSON", body};
     }
@@ -59,13 +61,11 @@ public:
         } else if (event.name == "response") {
             draw_response(index, event);
         } else if (event.name == "reply") {
-            const std::string payload = members["payload"];
-            const json document = json::parse(payload, nullptr, false);
-            const std::string result = text_at(document, "/result");
+            const auto [result, reason] = read_reply(members["payload"].get<std::string>());
             add(index, Lane::module, Lane::client,
                 "reply #" + std::to_string(members["request_id"].get<std::uint64_t>()) +
                     (result.empty() ? "" : ": " + result),
-                text_at(document, "/reason"), result != "ok");
+                reason, result != "ok");
             if (members["thread"] != "dispatch") {
                 run_ended = true;
             }

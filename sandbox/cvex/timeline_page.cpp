@@ -5,6 +5,7 @@
 #include <set>
 #include <vector>
 
+#include "common/json_text.h"
 #include "common/printable.h"
 #include "cvex/timeline.h"
 
@@ -488,7 +489,7 @@ std::string details_of(const Timeline& timeline) {
         ordered_json documents = ordered_json::array();
         for (const auto& [member, title] : {std::pair{"payload", "Payload"}, {"body", "Body"}}) {
             if (const auto text = event.members.find(member); text != event.members.end()) {
-                const ordered_json document = parse_document(*text);
+                const ordered_json document = sandbox::parse_json(text->get_ref<const std::string&>());
                 if (document.is_structured()) {
                     documents.push_back({title, document.dump(2)});
                 }

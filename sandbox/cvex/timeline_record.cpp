@@ -6,6 +6,8 @@
 #include <map>
 #include <utility>
 
+#include "common/json_text.h"
+
 namespace cvex {
 
 namespace {
@@ -61,7 +63,7 @@ bool is_of(Kind kind, const ordered_json& value) {
 }
 
 ordered_json parse_line(const std::string& line) {
-    ordered_json document = parse_document(line);
+    ordered_json document = sandbox::parse_json(line);
     if (!document.is_object()) {
         throw std::invalid_argument("the line is not a JSON object; is it cut off?");
     }
@@ -119,17 +121,6 @@ RecordedEvent parse_event(const std::string& line, double previous_time) {
 }
 
 } // namespace
-
-ordered_json parse_document(const std::string& text) {
-    constexpr int depth_limit = 64;
-    bool is_too_deep = false;
-    const auto watch_depth = [&](int depth, ordered_json::parse_event_t, ordered_json&) {
-        is_too_deep = is_too_deep || depth > depth_limit;
-        return !is_too_deep;
-    };
-    ordered_json document = ordered_json::parse(text, watch_depth, false);
-    return is_too_deep ? ordered_json(ordered_json::value_t::discarded) : document;
-}
 
 Record read_record(const std::string& path) {
     std::ifstream file(path);

@@ -27,9 +27,6 @@ struct Record {
     std::vector<RecordedEvent> events;
 };
 
-/// The JSON document of a text; a discarded value when it is none or is nested deeper than a person reads.
-nlohmann::ordered_json parse_document(const std::string& text);
-
 /// Reads the record that cvcloudd --record has written; throws RecordError.
 Record read_record(const std::string& path);
 

@@ -3,9 +3,10 @@
 #include <charconv>
 #include <iterator>
 #include <stdexcept>
-#include <vector>
 
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <zmq_addon.hpp>
 
@@ -15,12 +16,14 @@ namespace {
 
 const std::string scheme = "ipc://";
 
-void send_frames(zmq::socket_t& socket, const std::vector<std::string>& frames) {
+/// False when the frames could not be sent at once and the flags say not to wait.
+bool send_frames(zmq::socket_t& socket, const std::vector<std::string>& frames,
+                 zmq::send_flags flags = zmq::send_flags::none) {
     std::vector<zmq::const_buffer> buffers;
     for (const std::string& frame : frames) {
         buffers.push_back(zmq::buffer(frame));
     }
-    zmq::send_multipart(socket, buffers);
+    return zmq::send_multipart(socket, buffers, flags).has_value();
 }
 
 std::vector<std::string> receive_frames(zmq::socket_t& socket) {
@@ -64,6 +67,18 @@ void check_run_directory(const std::string& run_directory) {
                                  " bytes, more than the " + std::to_string(path_limit) +
                                  " of a socket address: use a shorter --run-dir");
     }
+    struct stat status {};
+    if (stat(run_directory.c_str(), &status) == -1) {
+        return;
+    }
+    if (status.st_uid != geteuid()) {
+        throw std::runtime_error("the run directory " + run_directory + " belongs to user " +
+                                 std::to_string(status.st_uid) + ": use a directory of your own");
+    }
+    if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
+        throw std::runtime_error("other users may write to the run directory " + run_directory +
+                                 ": chmod go-w it, or use a directory of your own");
+    }
 }
 
 void send_command(zmq::socket_t& dealer, const Command& command) {
@@ -82,11 +97,7 @@ PublishedMessage receive_published(zmq::socket_t& subscriber) {
     return {frames[0], frames[1], to_number(frames[2])};
 }
 
-Command receive_command(zmq::socket_t& router, std::string& sender) {
-    const std::vector<std::string> frames = receive_frames(router);
-    if (!frames.empty()) {
-        sender = frames[0];
-    }
+Command parse_command(const std::vector<std::string>& frames) {
     if (frames.size() != 4) {
         throw std::invalid_argument("A command has the three frames name, type and payload");
     }
@@ -95,6 +106,10 @@ Command receive_command(zmq::socket_t& router, std::string& sender) {
         command.name.find('\0') != std::string::npos) {
         throw std::invalid_argument("A command name has 1 to " + std::to_string(name_limit) +
                                     " bytes, none of them NUL");
+    }
+    if (command.payload.size() > payload_limit) {
+        throw std::invalid_argument("A command's payload has at most " + std::to_string(payload_limit) +
+                                    " bytes");
     }
     const std::string& type = frames[2];
     const char* const end = type.data() + type.size();
@@ -105,12 +120,23 @@ Command receive_command(zmq::socket_t& router, std::string& sender) {
     return command;
 }
 
-void send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply) {
-    send_frames(router, {receiver, reply.payload, std::to_string(reply.published_before)});
+Command receive_command(zmq::socket_t& router, std::string& sender) {
+    const std::vector<std::string> frames = receive_frames(router);
+    if (!frames.empty()) {
+        sender = frames[0];
+    }
+    return parse_command(frames);
 }
 
-void publish(zmq::socket_t& publisher, const PublishedMessage& message) {
-    send_frames(publisher, {message.name, message.payload, std::to_string(message.number)});
+bool send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply) {
+    return send_frames(router, {receiver, reply.payload, std::to_string(reply.published_before)},
+                       zmq::send_flags::dontwait);
+}
+
+bool publish(zmq::socket_t& publisher, const PublishedMessage& message, bool to_all_or_none) {
+    publisher.set(zmq::sockopt::xpub_nodrop, to_all_or_none ? 1 : 0);
+    return send_frames(publisher, {message.name, message.payload, std::to_string(message.number)},
+                       zmq::send_flags::dontwait);
 }
 
 } // namespace cvex

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include <zmq.hpp>
 
@@ -17,8 +18,9 @@ namespace cvex {
 inline constexpr std::int32_t type_wants_reply = 2;
 inline constexpr std::int32_t type_without_reply = 0;
 
-/// The longest command name in bytes.
+/// The longest command name and the longest payload of a command, in bytes.
 inline constexpr std::size_t name_limit = 259;
+inline constexpr std::size_t payload_limit = 65536;
 
 /// The daemon publishes this, without payload, as soon as it has taken a new subscription: a client that has
 /// seen it misses no message that is published from then on.
@@ -64,18 +66,26 @@ std::string published_endpoint(const std::string& run_directory);
 std::string socket_file(const std::string& endpoint);
 
 /// Throws std::runtime_error when the path of a socket in `run_directory` is longer than a socket address
-/// holds.
+/// holds, or when another user owns the directory or may write to it: that user could serve it, too.
 void check_run_directory(const std::string& run_directory);
 
 void send_command(zmq::socket_t& dealer, const Command& command);
 Reply receive_reply(zmq::socket_t& dealer);
 PublishedMessage receive_published(zmq::socket_t& subscriber);
 
+/// The command that frames make: the address of the sender, name, type and payload. Throws
+/// std::invalid_argument, with the reason, for frames that are no command.
+Command parse_command(const std::vector<std::string>& frames);
+
 /// The daemon's side. `sender` is the address that a reply goes back to.
 /// Throws std::invalid_argument, with the reason, for frames that are no command; `sender` is set even then.
 Command receive_command(zmq::socket_t& router, std::string& sender);
-void send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply);
-void publish(zmq::socket_t& publisher, const PublishedMessage& message);
+
+/// The two below return at once. False when the message was not sent: to a requester that does not take its
+/// replies, or because a subscriber does not take what is published. Without `to_all_or_none` that
+/// subscriber alone misses the message, and the result is true.
+bool send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply);
+bool publish(zmq::socket_t& publisher, const PublishedMessage& message, bool to_all_or_none);
 
 } // namespace cvex
 

@@ -234,6 +234,15 @@ def make_record_directory(directory):
         raise DeskError(f"cannot make the directory {directory} of --record: {error.strerror}") from None
 
 
+def read_reply(text):
+    """A reply by its fixed beginning, or None: a success is JSON, the reason of a failure may quote the cloud as it
+    is."""
+    if text.startswith('{"result": "ok", '):
+        return json.loads(text)
+    failure = re.fullmatch(r'\{"result": "(\w+)", "reason": "(.*)"\}', text, re.DOTALL)
+    return failure and {"result": failure[1], "reason": failure[2]}
+
+
 def printable(text):
     """What others have written, on one line and without what would steer a terminal or turn the direction of the
     writing."""

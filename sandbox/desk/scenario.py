@@ -248,14 +248,11 @@ def matches(expected, actual):
 
 
 def matches_text(expected, text):
-    """Whether a JSON text, or any text, is as the file says; the members in its order."""
+    """Whether a reply, or any text, is as the file says; the members in its order."""
     if isinstance(expected, str):
         return matches(expected, text)
-    try:
-        document = json.loads(text)
-    except ValueError:
-        return False
-    return matches(expected, document) and (not isinstance(expected, dict) or list(expected) == list(document))
+    document = desk.read_reply(text)
+    return document and matches(expected, document) and (not isinstance(expected, dict) or list(expected) == list(document))
 
 
 def published_in(record):

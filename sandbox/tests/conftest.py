@@ -3,12 +3,14 @@ message or the end of a process, and its bound is an error."""
 
 import json
 import os
+import re
 import socket
 import threading
 import uuid
 from pathlib import Path
 
 import pytest
+import zmq
 
 import desk as desk_module
 import traffic
@@ -120,6 +122,46 @@ def silent_cloud():
     cloud = SilentCloud()
     yield cloud
     cloud.close()
+
+
+class RawClient:
+    """A client of the exchange that sends whatever frames it is given and reads when it is told to."""
+
+    def __init__(self, run_directory):
+        self._context = zmq.Context()
+        self._socket = self._context.socket(zmq.DEALER)
+        self._socket.linger = 0
+        self._socket.rcvtimeo = self._socket.sndtimeo = desk_module.START_TIMEOUT * 1000
+        self._socket.connect(f"ipc://{run_directory}/commands")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self._context.destroy()
+
+    def send(self, *frames):
+        self._socket.send_multipart(frames)
+
+    def receive(self):
+        """The payload of the next reply."""
+        return self._socket.recv_multipart()[0]
+
+    def ask(self, name, payload=b""):
+        """Sends a command and returns the reply."""
+        self.send(name.encode(), b"2", payload)
+        return self.receive()
+
+
+def is_sanitized():
+    """Whether the programs are built with a sanitizer, which multiplies their memory."""
+    return "CV_SANITIZE:STRING=\n" not in (BUILD_DIRECTORY / "CMakeCache.txt").read_text(encoding="utf-8")
+
+
+def most_memory_of(program):
+    """The most memory in MiB that a program has held until now."""
+    status = Path(f"/proc/{program.process.pid}/status").read_text(encoding="utf-8")
+    return int(re.search(r"^VmHWM:\s*(\d+) kB$", status, re.MULTILINE)[1]) / 1024
 
 
 @pytest.fixture

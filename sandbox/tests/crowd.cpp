@@ -14,6 +14,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cvex/client.h"
+#include "cvex/reply.h"
 
 namespace {
 
@@ -108,9 +109,8 @@ private:
     }
 
     void count(const std::string& reply) {
-        const json document = json::parse(reply, nullptr, false);
         const std::lock_guard lock(mutex);
-        ++results[document.is_object() ? document.value("result", "none") : "no JSON"];
+        ++results[cvex::read_reply(reply).result];
         if (++received == expected - 1) {
             std::printf("one reply is missing\n");
             std::fflush(stdout);

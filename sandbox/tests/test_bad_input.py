@@ -1,9 +1,13 @@
 """Whatever is wrong gets one line that names it, an exit code other than 0, and leaves nothing running."""
 
+import contextlib
+import os
 import socket
+import stat
 import subprocess
 
 import pytest
+from conftest import RawClient
 
 import desk as desk_module
 
@@ -91,6 +95,92 @@ def test_settings_are_missing(without_cloud):
     without_cloud.settings_file.unlink()
     assert_one_line(run(without_cloud.daemon_command()), 1, without_cloud.settings_file,
                     "No such file or directory")
+
+
+@pytest.mark.parametrize("number", [2147483648, -2147483649, 2**62])
+def test_an_integer_setting_out_of_range(without_cloud, number):
+    without_cloud.write_settings({"/daemons/cvcloudd/registration/retry_num": number})
+    assert_one_line(run(without_cloud.daemon_command()), 1, f"{without_cloud.settings_file}:", "retry_num",
+                    f"is {number}, but an integer is -2147483648 to 2147483647")
+
+
+@pytest.mark.parametrize("option, problem", [("--settings", "not a regular file"), ("--record", "No such device")])
+def test_a_pipe_in_the_place_of_a_file(without_cloud, option, problem):
+    pipe = without_cloud.run_directory / "pipe"
+    os.mkfifo(pipe)
+    command = without_cloud.daemon_command("--record", "/dev/null")
+    command[command.index(option) + 1] = pipe
+    assert_one_line(run(command), 1, pipe, problem)
+
+
+def test_a_run_directory_of_another_user(without_cloud):
+    directory = without_cloud.run_directory
+    if os.geteuid() == 0:
+        os.chown(directory, 65534, 65534)
+    else:
+        directory = "/"
+    command = without_cloud.daemon_command()
+    command[command.index("--run-dir") + 1] = directory
+    for words in (command, [without_cloud.programs["cvex"], "--run-dir", directory, "retry"]):
+        assert_one_line(run(words), 1, directory, "belongs to user", "of your own")
+
+
+@pytest.mark.parametrize("mode", [0o770, 0o702, 0o1777])
+def test_a_run_directory_that_others_may_write(without_cloud, mode):
+    without_cloud.run_directory.chmod(mode)
+    for command in (without_cloud.daemon_command(), without_cloud.cvex_command("retry")):
+        assert_one_line(run(command), 1, without_cloud.run_directory, "chmod go-w")
+    without_cloud.run_directory.chmod(0o755)
+    assert_one_line(run(without_cloud.cvex_command("retry")), 5, without_cloud.run_directory)
+
+
+def test_files_are_their_owners_alone(appliance):
+    record, boxes = appliance.run_directory / "record.jsonl", appliance.run_directory / "boxes.sqlite"
+    # A record of before, that everybody could read.
+    record.touch(0o666)
+    umask = os.umask(0)
+    try:
+        appliance.start_cloud(options=["--boxes", boxes])
+        appliance.start_daemon("--record", record)
+    finally:
+        os.umask(umask)
+    appliance.register()
+    modes = {path.name: stat.S_IMODE(path.stat().st_mode) & 0o077 for path in appliance.run_directory.iterdir()
+             if path != appliance.settings_file}
+    assert modes.keys() >= {"record.jsonl", "boxes.sqlite", "commands", "published", "cvcloudd.lock"}
+    assert set(modes.values()) == {0}, modes
+
+
+def test_a_record_follows_no_link(without_cloud):
+    other = without_cloud.run_directory / "other"
+    other.write_text("kept", encoding="utf-8")
+    link = without_cloud.run_directory / "record.jsonl"
+    link.symlink_to(other)
+    assert_one_line(run(without_cloud.daemon_command("--record", link)), 1, link, "--record")
+    assert other.read_text(encoding="utf-8") == "kept"
+
+
+@pytest.mark.parametrize("program", ["cvcloudd", "cvcloud-sim", "cvex"])
+def test_too_few_descriptors(without_cloud, program):
+    command = {"cvcloudd": without_cloud.daemon_command(), "cvcloud-sim": [without_cloud.programs["cvcloud-sim"]],
+               "cvex": without_cloud.cvex_command("retry")}[program]
+    assert_one_line(run(["prlimit", "--nofile=16", *command]), 1, f"{program}: ", "Too many open files", "ulimit -n")
+
+
+def test_more_clients_than_descriptors(appliance):
+    appliance.cloud_url = "http://127.0.0.1:9"
+    appliance.write_settings({})
+    daemon = appliance.start(["prlimit", "--nofile=70", *appliance.daemon_command()])
+    daemon.wait_for_line("^cvcloudd: ready$")
+    with contextlib.ExitStack() as clients:
+        for _ in range(70):
+            clients.enter_context(RawClient(appliance.run_directory))
+        daemon.wait_for_line("a client is turned away: no descriptor is left")
+    # The first to go make room for another.
+    for _ in range(100):
+        if appliance.cvex("status").returncode == 0:
+            break
+    assert daemon.stop() == 0
 
 
 def test_setting_of_the_wrong_type_is_reported(appliance):

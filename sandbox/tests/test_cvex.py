@@ -6,6 +6,8 @@ import json
 import os
 import pty
 import re
+import signal
+import socket
 import struct
 import subprocess
 import termios
@@ -245,6 +247,76 @@ def test_a_live_line_does_not_wrap(ready_desk):
     frames = re.findall("\033\\[36m.\033\\[0m ([^\r\n]*)", text)
     assert frames
     assert all(len(frame) + 2 < 20 for frame in frames)
+
+
+@pytest.fixture
+def stopped_daemon(ready_desk):
+    """A desk whose daemon is stopped, with as many connections waiting for it as there is room for."""
+    ready_desk.daemon.process.send_signal(signal.SIGSTOP)
+    waiting = []
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            waiting.append(socket.socket(socket.AF_UNIX))
+            waiting[-1].setblocking(False)
+            waiting[-1].connect(str(ready_desk.run_directory / "commands"))
+    yield ready_desk
+    ready_desk.daemon.process.send_signal(signal.SIGCONT)
+    for connection in waiting:
+        connection.close()
+
+
+def test_a_daemon_that_is_stopped_holds_nobody_up(stopped_daemon):
+    result = stopped_daemon.cvex("start", "--token", "any", "--timeout", "1")
+    assert (result.returncode, result.stdout) == (5, "")
+    assert f"{stopped_daemon.run_directory} does not answer" in result.stderr
+
+
+@pytest.mark.parametrize("source", ["file", "standard input", "environment"])
+def test_a_token_that_the_list_of_processes_does_not_show(ready_desk, source):
+    token_file = ready_desk.run_directory / "token"
+    token_file.write_text(PARTNER_TOKEN + "\n", encoding="utf-8")
+    arguments = {"file": ["--token-file", token_file], "standard input": ["--token-file", "-"], "environment": []}
+    result = subprocess.run(ready_desk.cvex_command("start", "--json", *arguments[source]), check=False,
+                            input=f"{PARTNER_TOKEN}\nnothing" if source == "standard input" else "",
+                            env={**os.environ, "CVEX_TOKEN": PARTNER_TOKEN if source == "environment" else "wrong"},
+                            capture_output=True, encoding="utf-8", timeout=desk_module.START_TIMEOUT)
+    assert result.returncode == 0, result
+    assert json.loads(result.stdout)["result"] == "ok"
+
+
+@pytest.mark.parametrize("arguments", [[], ["--token-file", "/nowhere/token"], ["--token-file", "-"]])
+def test_no_token(ready_desk, arguments):
+    result = ready_desk.cvex("start", *arguments)
+    assert (result.returncode, result.stdout) == (2, "")
+    assert len(result.stderr.splitlines()) == 1
+    assert "--token-file" in result.stderr
+
+
+# Each closes the reason's quotes and goes on: with members that a parser of JSON takes for the reply's own, or with
+# more levels than one that recurses can go down.
+FOOLING = {
+    "another result": '", "result": "ok',
+    "a whole success": '"}{"result": "ok", "user_token": "t", "device_id": "d',
+    "deep arrays": '", "deep": ' + "[" * 30000 + "]" * 30000 + ', "x": "',
+}
+
+
+@pytest.mark.parametrize("words", FOOLING.values(), ids=FOOLING)
+def test_words_of_the_cloud_do_not_change_the_result(ready_desk, words):
+    ready_desk.ask_cloud("POST", "/faults", [f"connect=error:{words}"])
+    result = ready_desk.cvex("start", "--json", "--token", PARTNER_TOKEN)
+    assert (result.returncode, result.stdout) == (1, f'{{"result": "error_connect", "reason": "{words}"}}\n')
+    shown = ready_desk.cvex("start", "--token", PARTNER_TOKEN)
+    assert shown.returncode == 1
+    assert f"failed: error_connect: {words}" in shown.stderr
+    assert status_of(ready_desk)["last_result"] == {
+        "command": "start_cloud_registration", "result": "error_connect", "reason": words}
+
+
+def test_a_reply_with_a_nul_comes_out_whole(ready_desk):
+    ready_desk.ask_cloud("POST", "/faults", ["connect=text:before\0behind"])
+    result = ready_desk.cvex("start", "--json", "--token", PARTNER_TOKEN)
+    assert result.stdout == '{"result": "error_cvnc", "reason": "Response is not JSON: before\0behind"}\n'
 
 
 # It would name the window, clear the screen by the one character that means ESC [, and turn the writing around.

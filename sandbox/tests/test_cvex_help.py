@@ -91,7 +91,7 @@ printf '%s\\n' "${{COMPREPLY[@]}}"
     (["cvex", "settings", ""], ["get", "set", "list"]),
     (["cvex", "settings", "l"], ["list"]),
     (["cvex", "--run-dir", "there", "re"], ["retry"]),
-    (["cvex", "start", "--to"], ["--token", "--token-type"]),
+    (["cvex", "start", "--to"], ["--token", "--token-file", "--token-type"]),
     (["cvex", "start", "--run"], ["--run-dir"]),
     (["cvex", "retry", "--to"], []),
     (["cvex", "start", "--token-type", ""], ["partner", "temporary"]),

@@ -1,6 +1,7 @@
 """The daemon's end, at every moment of a registration."""
 
 import json
+import os
 import signal
 
 import pytest
@@ -45,6 +46,19 @@ def test_stops_during_a_retry_pause(appliance, closed_port):
     assert len([line for line in daemon.lines if "full request: " in line]) == 2
     assert json.loads(client.wait_for_line("^{").string)["result"] in ("error_cvnc", "error_internal")
     assert client.wait() == 1
+
+
+@pytest.mark.parametrize("option", ["--handler", "--ca-file"])
+def test_stops_while_it_starts(appliance, option):
+    appliance.cloud_url = "http://127.0.0.1:9"
+    appliance.write_settings({})
+    pipe = appliance.run_directory / "pipe"
+    os.mkfifo(pipe)
+    daemon = appliance.start(appliance.daemon_command(option, pipe))
+    # Opened when the daemon has opened it to read: it waits for what is never written.
+    writer = os.open(pipe, os.O_WRONLY)
+    assert daemon.stop() == 0
+    os.close(writer)
 
 
 def test_restarts_in_the_same_run_directory(ready_desk):

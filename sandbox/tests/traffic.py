@@ -6,12 +6,15 @@ from pathlib import Path
 
 import jsonschema
 
+import desk
+
 SCHEMAS = Path(__file__).parents[2] / "docs" / "schemas"
 
 START = "start_cloud_registration"
 DONE = "cloud_registration_done"
 
-# The cloud's words become the reason of these as they are: a quote in them makes a reply that is no JSON.
+# The cloud's words become the reason of these as they are: the reply need not be JSON, or not mean what it says as
+# JSON.
 QUOTING = ("error_cvnc", "error_connect", "error_get_device_token", "error_register_box")
 
 VALIDATORS = {path.stem: jsonschema.Draft202012Validator(json.loads(path.read_text(encoding="utf-8")))
@@ -41,11 +44,8 @@ def problem_of_reply(text):
     if not text:
         return None  # The settings allow no try, so nothing has failed that could be told.
     result = result_of(text)
-    if result in QUOTING and re.fullmatch(r'\{"result": "\w+", "reason": ".*"\}', text, re.DOTALL):
-        try:
-            json.loads(text)
-        except ValueError:
-            return None
+    if result in QUOTING and desk.read_reply(text):
+        return None
     return problem_of(DONE if result == "ok" else "error_reply", text)
 
 

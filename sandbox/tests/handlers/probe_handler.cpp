@@ -5,7 +5,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -76,7 +76,7 @@ class ProbeHandler final : public CvHandlerAPI {
 public:
     int init(CvCloudAPI* api, std::vector<std::string>& commands) override {
         cloud = api;
-        commands.emplace_back("probe_cloud");
+        commands.insert(commands.end(), {"probe_cloud", "probe_hold", "probe_publish"});
         return 1;
     }
 
@@ -93,12 +93,22 @@ public:
     }
 
     void handle(const Message* message) override {
-        if (std::strcmp(message->name, "probe_cloud") != 0) {
+        const std::string name = message->name;
+        const std::string payload(message->payload, message->payload_len);
+        if (name == "probe_hold") {
+            // Until somebody writes to the pipe.
+            std::ifstream(payload).get();
+        }
+        if (name == "probe_publish") {
+            for (auto left = std::stoul(payload); left > 0; --left) {
+                cloud->publish_message("probe", "", 0);
+            }
+        }
+        if (name != "probe_cloud") {
             reply(message->request_id, R"({"result": "ok"})");
             return;
         }
-        const auto count =
-            static_cast<unsigned>(std::stoul(std::string(message->payload, message->payload_len)));
+        const auto count = static_cast<unsigned>(std::stoul(payload));
         auto* const probe = new Probe{message->request_id, {count}, {0}};
         for (unsigned i = 0; i < count; ++i) {
             if (send(probe, i) == 0) {
