@@ -1,19 +1,59 @@
 #include "cloud/admin.h"
 
 #include <cstdio>
+#include <memory>
 #include <stdexcept>
 
+#include <curl/curl.h>
+
 #include "common/command_line.h"
+#include "common/json_text.h"
 
 namespace cloud {
 
 namespace {
 
-constexpr int http_ok = 200;
-constexpr int http_bad_request = 400;
+constexpr long control_timeout_seconds = 10;
 
-void set_json(httplib::Response& response, const Json& document) {
-    response.set_content(document.dump(-1, ' ', false, Json::error_handler_t::replace), json_type);
+Response to_response(const Json& document, unsigned status = MHD_HTTP_OK) {
+    Response response;
+    response.status = status;
+    response.body = document.dump(-1, ' ', false, Json::error_handler_t::replace);
+    return response;
+}
+
+Response add_faults(CloudService& service, const std::string& body) {
+    try {
+        service.add_faults(sandbox::parse_json(body).get<std::vector<std::string>>());
+        return to_response(service.faults_left());
+    } catch (const std::invalid_argument& error) {
+        return to_response({{"error", error.what()}}, MHD_HTTP_BAD_REQUEST);
+    } catch (const Json::exception&) {
+        return to_response({{"error", "the request is not an array of texts"}}, MHD_HTTP_BAD_REQUEST);
+    }
+}
+
+std::size_t append(const char* data, std::size_t, std::size_t length, void* body) {
+    static_cast<std::string*>(body)->append(data, length);
+    return length;
+}
+
+/// The body of the answer, or an empty text when nobody answers or it is no success.
+std::string request(const std::string& method, const std::string& url, const std::string& body) {
+    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), &curl_easy_cleanup);
+    std::string answer;
+    curl_easy_setopt(handle.get(), CURLOPT_URL, url.c_str());
+    curl_easy_setopt(handle.get(), CURLOPT_PROTOCOLS_STR, "http");
+    curl_easy_setopt(handle.get(), CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle.get(), CURLOPT_CUSTOMREQUEST, method.c_str());
+    if (!body.empty()) {
+        curl_easy_setopt(handle.get(), CURLOPT_POSTFIELDS, body.c_str());
+    }
+    curl_easy_setopt(handle.get(), CURLOPT_FAILONERROR, 1L);
+    curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, control_timeout_seconds);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEFUNCTION, &append);
+    curl_easy_setopt(handle.get(), CURLOPT_WRITEDATA, &answer);
+    return curl_easy_perform(handle.get()) == CURLE_OK ? answer : std::string();
 }
 
 } // namespace
@@ -27,31 +67,23 @@ std::string check_fault(const std::string& text) {
     }
 }
 
-void serve_administration(WebServer& server, CloudService& service, Transport& transport) {
-    httplib::Server& routes = server.routes();
-    routes.Post("/faults", [&service](const httplib::Request& request, httplib::Response& response) {
-        const Json texts = Json::parse(request.body, nullptr, false);
-        try {
-            service.add_faults(texts.get<std::vector<std::string>>());
-            set_json(response, service.faults_left());
-        } catch (const std::invalid_argument& error) {
-            response.status = http_bad_request;
-            set_json(response, {{"error", error.what()}});
-        } catch (const Json::exception&) {
-            response.status = http_bad_request;
-            set_json(response, {{"error", "the request is not an array of texts"}});
-        }
-    });
-    routes.Get("/faults", [&service](const httplib::Request&, httplib::Response& response) {
-        set_json(response, service.faults_left());
-    });
-    routes.Delete("/faults", [&transport](const httplib::Request&, httplib::Response& response) {
-        transport.clear_faults();
-        set_json(response, Json::array());
-    });
-    routes.Get("/requests", [&service](const httplib::Request&, httplib::Response& response) {
-        set_json(response, service.latest_requests());
-    });
+Response administer(CloudService& service, WebServer& server, const Request& request) {
+    const std::string called = request.method + " " + request.path;
+    if (called == "POST /faults") {
+        return add_faults(service, request.body);
+    }
+    if (called == "GET /faults") {
+        return to_response(service.faults_left());
+    }
+    if (called == "DELETE /faults") {
+        service.clear_faults();
+        server.release();
+        return to_response(Json::array());
+    }
+    if (called == "GET /requests") {
+        return to_response(service.latest_requests());
+    }
+    return to_response({{"error", "there is no " + called}}, MHD_HTTP_NOT_FOUND);
 }
 
 Control::Control(CLI::App& program) : app(program) {
@@ -79,14 +111,12 @@ bool Control::is_wanted() const {
 }
 
 int Control::run() const {
-    httplib::Client client(url);
-    const httplib::Result result = fault->parsed()
-                                       ? client.Post("/faults", Json(fault_texts).dump(), json_type)
-                                   : clear->parsed()    ? client.Delete("/faults")
-                                   : requests->parsed() ? client.Get("/requests")
-                                                        : client.Get("/faults");
-    const Json answer = result ? Json::parse(result->body, nullptr, false) : Json();
-    if (!result || result->status != http_ok || !answer.is_array()) {
+    const std::string text = fault->parsed()      ? request("POST", url + "/faults", Json(fault_texts).dump())
+                             : clear->parsed()    ? request("DELETE", url + "/faults", "")
+                             : requests->parsed() ? request("GET", url + "/requests", "")
+                                                  : request("GET", url + "/faults", "");
+    const Json answer = sandbox::parse_json(text);
+    if (!answer.is_array()) {
         sandbox::print_problem(app, "no cvcloud-sim is administered at " + url +
                                         ": correct --admin-url or start it");
         return 1;

@@ -7,18 +7,19 @@
 #include <CLI/App.hpp>
 
 #include "cloud/cloud_service.h"
-#include "cloud/transport.h"
 #include "cloud/web_server.h"
 
 namespace cloud {
 
-/// The administration of a running cloud, HTTP with JSON bodies on a port of its own:
+/// Answers a request to the administration of a running cloud, HTTP with JSON bodies on a port of its own:
 ///
 ///     POST /faults     adds the faults of an array of texts, all or none; 400 with {"error": reason}
 ///     GET /faults      the faults that no request has taken yet
 ///     DELETE /faults   forgets these and lets every request go that a fault holds up
 ///     GET /requests    the latest requests, see CloudService::latest_requests()
-void serve_administration(WebServer& server, CloudService& service, Transport& transport);
+///
+/// `server` is the one whose requests a fault holds up.
+Response administer(CloudService& service, WebServer& server, const Request& request);
 
 /// The client of it, `cvcloud-sim ctl`.
 class Control {

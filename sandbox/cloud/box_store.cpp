@@ -44,9 +44,13 @@ bool BoxStore::has_user_token(const std::string& token) {
 /// Runs a statement with at most one parameter and returns the text of the first row's first column; an empty
 /// one when there is no row.
 std::string BoxStore::run(const char* statement, const std::string& parameter) {
-    sqlite3_stmt* prepared = nullptr;
-    sqlite3_prepare_v2(database.get(), statement, -1, &prepared, nullptr);
-    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> owner(prepared, &sqlite3_finalize);
+    const auto [entry, is_new] = statements.try_emplace(statement, nullptr, &sqlite3_finalize);
+    sqlite3_stmt* prepared = entry->second.get();
+    if (is_new) {
+        sqlite3_prepare_v2(database.get(), statement, -1, &prepared, nullptr);
+        entry->second.reset(prepared);
+    }
+    const std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)> used(prepared, &sqlite3_reset);
     if (prepared != nullptr && sqlite3_bind_parameter_count(prepared) == 1) {
         sqlite3_bind_text(prepared, 1, parameter.data(), static_cast<int>(parameter.size()), SQLITE_STATIC);
     }

@@ -1,10 +1,12 @@
 #ifndef CLOUD_BOX_STORE_H
 #define CLOUD_BOX_STORE_H
 
+#include <map>
 #include <memory>
 #include <string>
 
 struct sqlite3;
+struct sqlite3_stmt;
 
 namespace cloud {
 
@@ -28,6 +30,8 @@ private:
 
     const std::string file;
     std::unique_ptr<sqlite3, int (*)(sqlite3*)> database;
+    /// Prepared once, by the address of their text.
+    std::map<const char*, std::unique_ptr<sqlite3_stmt, int (*)(sqlite3_stmt*)>> statements;
 };
 
 } // namespace cloud

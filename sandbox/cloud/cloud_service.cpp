@@ -1,10 +1,16 @@
 #include "cloud/cloud_service.h"
 
+#include <cerrno>
 #include <chrono>
+#include <cinttypes>
 #include <cstdio>
-#include <random>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
+
+#include <unistd.h>
+
+#include "common/json_text.h"
 
 namespace cloud {
 
@@ -77,9 +83,11 @@ CloudService::Answer CloudService::answer(const std::string& service, const std:
     Json params;
     const std::lock_guard lock(mutex);
     try {
-        const Json request = Json::parse(request_text, nullptr, false);
+        const Json request = sandbox::parse_json(request_text);
         if (request.is_discarded()) {
-            throw RequestError{parse_error, "Parse error", "the request is not JSON"};
+            throw RequestError{parse_error, "Parse error",
+                               "the request is not JSON, or nested deeper than " +
+                                   std::to_string(sandbox::json_depth_limit) + " levels"};
         }
         if (!request.is_object() || !request.contains("method") || !request["method"].is_string()) {
             throw RequestError{invalid_request, "Invalid Request", "the request names no method"};
@@ -193,9 +201,12 @@ Json CloudService::register_box(const Json& params) {
 }
 
 std::string CloudService::hand_out_user_token() {
-    std::random_device random;
+    std::uint64_t number = 0;
+    if (getentropy(&number, sizeof number) != 0) {
+        throw std::system_error(errno, std::generic_category(), "getentropy");
+    }
     char token[32];
-    std::snprintf(token, sizeof token, "user-%08x%08x", random(), random());
+    std::snprintf(token, sizeof token, "user-%016" PRIx64, number);
     boxes.add_user_token(token);
     return token;
 }

@@ -1,6 +1,8 @@
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -10,6 +12,7 @@
 #include "cloud/transport.h"
 #include "cloud/web_server.h"
 #include "common/command_line.h"
+#include "common/process.h"
 
 namespace {
 
@@ -20,10 +23,14 @@ struct Options {
     std::vector<std::string> partner_tokens{"desk-partner-token"};
     std::vector<std::string> temporary_tokens{"desk-temporary-token"};
     std::vector<std::string> faults;
+    double time_limit_seconds = 30;
     std::string certificate_file;
     std::string key_file;
     cloud::CloudOptions cloud;
 };
+
+/// Of the two servers, the file of boxes and a few connections; more of them wait when there are no more.
+constexpr int descriptors_needed = 64;
 
 void add_options(CLI::App& app, Options& options) {
     app.add_option("--address", options.address,
@@ -58,6 +65,11 @@ void add_options(CLI::App& app, Options& options) {
         ->type_name("FAULT")
         ->check(CLI::Validator(&cloud::check_fault, ""))
         ->allow_extra_args(false);
+    app.add_option("--time-limit", options.time_limit_seconds,
+                   "How long a request may take to come, and its answer to be read")
+        ->check(CLI::Range(0.001, 86400.0).description(""))
+        ->type_name("SECONDS")
+        ->capture_default_str();
     CLI::Option* const certificate =
         app.add_option("--tls-cert", options.certificate_file, "Serve https with this certificate, PEM")
             ->type_name("FILE");
@@ -68,40 +80,46 @@ void add_options(CLI::App& app, Options& options) {
     key->needs(certificate);
 }
 
-int serve(const CLI::App& app, const Options& options) {
+int serve(const Options& options) {
     // Blocked before the servers start their threads, so that only the wait below takes them.
     sigset_t stop_signals;
     sigemptyset(&stop_signals);
     sigaddset(&stop_signals, SIGTERM);
     sigaddset(&stop_signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
+    std::signal(SIGPIPE, SIG_IGN);
 
     cloud::CloudService service(options.cloud);
     service.add_faults(options.faults);
-    cloud::WebServer server(options.certificate_file, options.key_file);
-    cloud::Transport transport(service, server);
-    cloud::WebServer admin_server;
-    cloud::serve_administration(admin_server, service, transport);
+    const auto time_limit = std::chrono::ceil<std::chrono::milliseconds>(
+        std::chrono::duration<double>(options.time_limit_seconds));
+    cloud::WebServer server(time_limit, options.certificate_file, options.key_file);
+    cloud::WebServer admin_server(time_limit);
+    const auto answer = [&](const cloud::Request& request) {
+        return cloud::answer_request(service, request);
+    };
+    const auto administer = [&](const cloud::Request& request) {
+        return cloud::administer(service, server, request);
+    };
     // Whoever reaches the administration may use it: it stays on the loopback.
     const std::string loopback = "127.0.0.1";
-    for (auto [started, address, port, option] :
-         {std::tuple{&admin_server, loopback, options.admin_port, "--admin-port"},
-          {&server, options.address, options.port, "--port or --address"}}) {
-        if (!started->start(address, port)) {
-            sandbox::print_problem(app, "cannot listen on " + address + ":" + std::to_string(port) +
-                                            ": the port is in use or not allowed, or the address is "
-                                            "not of this machine; choose another " +
-                                            option);
-            return 1;
+    const auto start = [](cloud::WebServer& started, const std::string& address, int port,
+                          const cloud::WebServer::Handler& handler, const std::string& option) {
+        if (!started.start(address, port, handler)) {
+            throw std::runtime_error("cannot listen on " + address + ":" + std::to_string(port) +
+                                     ": the port is in use or not allowed, or the address is "
+                                     "not of this machine; choose another " +
+                                     option);
         }
-    }
+    };
+    start(admin_server, loopback, options.admin_port, administer, "--admin-port");
+    start(server, options.address, options.port, answer, "--port or --address");
     std::printf("cvcloud-sim: administered on %s\ncvcloud-sim: listening on %s\n", admin_server.url().c_str(),
                 server.url().c_str());
     std::fflush(stdout);
     int signal = 0;
     sigwait(&stop_signals, &signal);
     admin_server.stop();
-    transport.stop();
     server.stop();
     return 0;
 }
@@ -131,7 +149,8 @@ int main(int argc, char** argv) {
     options.cloud.partner_tokens = {options.partner_tokens.begin(), options.partner_tokens.end()};
     options.cloud.temporary_tokens = {options.temporary_tokens.begin(), options.temporary_tokens.end()};
     try {
-        return serve(app, options);
+        sandbox::prepare_process(descriptors_needed);
+        return serve(options);
     } catch (const std::exception& error) {
         sandbox::print_problem(app, error.what());
         return 1;

@@ -1,11 +1,15 @@
 """The simulated cloud as a person uses it: faults from the command line, at the start and while it runs, and https."""
 
+import contextlib
 import http.client
 import json
+import os
 import re
+import select
 import socket
 import subprocess
 
+import conftest
 import pytest
 
 import desk as desk_module
@@ -23,8 +27,13 @@ def ctl(appliance, *arguments):
 
 
 def start(appliance, *options):
-    result = appliance.cvex("start", "--json", "--token", desk_module.TOKENS["partner"], *options)
-    return json.loads(result.stdout)
+    """The answer to a start. One before may be over a moment after its own answer only."""
+    for _ in range(1000):
+        result = appliance.cvex("start", "--json", "--token", desk_module.TOKENS["partner"], *options)
+        answer = json.loads(result.stdout)
+        if answer["result"] != "error_in_progress":
+            return answer
+    raise AssertionError("the registration before stays in progress")
 
 
 def test_faults_are_set_at_the_start_and_while_it_runs(appliance):
@@ -81,6 +90,80 @@ def test_an_unanswered_request_holds_up_neither_others_nor_the_stop(ready_desk):
         with pytest.raises(http.client.RemoteDisconnected):
             client.getresponse()
         client.close()
+
+
+def connect_to(desk):
+    host, port = desk.cloud_url.rsplit("/", 1)[1].split(":")
+    return socket.create_connection((host, int(port)), timeout=desk_module.START_TIMEOUT)
+
+
+HEAD = b"POST /connect/login HTTP/1.1\r\nHost: x\r\n"
+NESTED = b"[" * 30000 + b"]" * 30000
+
+# What is sent, and what is sent after it for as long as the cloud takes it.
+HOSTILE_REQUESTS = {
+    "a header without end": (HEAD + b"X: ", b"x" * 65536),
+    "headers without end": (HEAD, b"X: y\r\n" * 8192),
+    "a body in chunks without end": (HEAD + b"Transfer-Encoding: chunked\r\n\r\n", b"10000\r\n" + b"x" * 65536 + b"\r\n"),
+    "a chunk of an impossible size": (HEAD + b"Transfer-Encoding: chunked\r\n\r\nffffffffffffffffff\r\n", b"x" * 65536),
+    "a body of an impossible length": (HEAD + b"Content-Length: 99999999999999999999\r\n\r\n", b"x" * 65536),
+    "a body that is too long": (HEAD + b"Content-Length: 1073741824\r\n\r\n", b"x" * 65536),
+    "no request": (b"\0" * 65536, b"\0" * 65536),
+}
+
+
+@pytest.mark.parametrize("begin, then", HOSTILE_REQUESTS.values(), ids=HOSTILE_REQUESTS)
+def test_a_request_without_end_is_cut_off(ready_desk, begin, then):
+    with connect_to(ready_desk) as connection:
+        connection.sendall(begin)
+        with pytest.raises(OSError) as error:
+            for _ in range(4096):
+                connection.sendall(then)
+        assert not isinstance(error.value, TimeoutError)
+    assert conftest.most_memory_of(ready_desk.cloud) < 100
+    ready_desk.register()
+
+
+@pytest.mark.parametrize("request_text", [
+    b'{"id": ' + NESTED + b', "method": "connect"}',
+    b'{"id": 1, "method": "connect", "params": {"a": ' + NESTED + b"}}",
+    NESTED,
+], ids=["id", "params", "all"])
+def test_a_nested_request_is_refused(ready_desk, request_text):
+    with connect_to(ready_desk) as connection:
+        connection.sendall(HEAD + b"Content-Length: %d\r\n\r\n" % len(request_text) + request_text)
+        assert b"nested deeper than 100 levels" in connection.recv(65536)
+    ready_desk.register()
+
+
+def test_clients_that_do_not_go_on_are_neither_kept_nor_waited_for(appliance):
+    appliance.start_cloud(options=["--time-limit", "0.5"])
+    appliance.start_daemon()
+    with contextlib.ExitStack() as clients:
+        slow = [clients.enter_context(connect_to(appliance)) for _ in range(300)]
+        for client in slow:
+            client.sendall(HEAD)
+        threads = len(os.listdir(f"/proc/{appliance.cloud.process.pid}/task"))
+        assert threads < 10
+        # Whoever sends a byte now and then is cut off as well.
+        with contextlib.suppress(OSError):
+            while not select.select([slow[0]], [], [], 0.01)[0]:
+                slow[0].sendall(b"X")
+        for client in slow:
+            assert client.recv(1) == b""
+        appliance.register()
+        for client in [clients.enter_context(connect_to(appliance)) for _ in range(300)]:
+            client.sendall(HEAD)
+        assert appliance.cloud.stop() == 0
+
+
+def test_an_answer_that_is_not_read_takes_no_memory(ready_desk):
+    ctl(ready_desk, "fault", "connect=oversized:1073741824")
+    with connect_to(ready_desk) as connection:
+        request = b'{"method": "connect", "params": {}}'
+        connection.sendall(HEAD + b"Content-Length: %d\r\n\r\n" % len(request) + request)
+        assert connection.recv(100).startswith(b"HTTP/1.1 200")
+        assert conftest.most_memory_of(ready_desk.cloud) < 100
 
 
 def test_the_last_request_alone_explains_a_failure(ready_desk):
