@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <pthread.h>
 
+#include "common/json_text.h"
+
 namespace sandbox {
 
 namespace {
@@ -20,6 +22,7 @@ using nlohmann::ordered_json;
 constexpr long http_ok = 200;
 /// Further requests wait for one of the connections; their time-out runs meanwhile.
 constexpr long connection_limit = 4;
+constexpr std::size_t head_limit = 256 * 1024;
 
 /// The response as it is lent to a callback, together with the bytes that it points at.
 struct OwnedResponse : cvtessel_response {
@@ -71,13 +74,15 @@ struct CloudAccess::Transfer : CloudRequest {
     void* user_data;
 
     std::size_t response_limit = 0;
-    bool too_long = false;
+    std::size_t head_length = 0;
+    /// Which part of the response is too long.
+    std::string too_long;
     std::array<char, CURL_ERROR_SIZE> error{};
     std::unique_ptr<CURL, Releaser<curl_easy_cleanup>> handle;
 
     /// A handler may send a text of its own making; it goes out all the same, without a name.
     void name_request() {
-        const ordered_json document = ordered_json::parse(request, nullptr, false);
+        const ordered_json document = parse_json(request);
         if (document.is_object() && document.contains("method") && document["method"].is_string()) {
             method = document["method"];
         }
@@ -89,10 +94,23 @@ struct CloudAccess::Transfer : CloudRequest {
     static std::size_t receive(const char* data, std::size_t, std::size_t length, void* context) {
         auto& transfer = *static_cast<Transfer*>(context);
         if (transfer.response.size() + length > transfer.response_limit) {
-            transfer.too_long = true;
+            transfer.too_long =
+                "the response is longer than " + std::to_string(transfer.response_limit) + " bytes";
             return CURL_WRITEFUNC_ERROR;
         }
         transfer.response.append(data, length);
+        return length;
+    }
+
+    /// libcurl keeps every header, also of provisional responses and those behind a body in chunks.
+    static std::size_t receive_head(const char*, std::size_t, std::size_t length, void* context) {
+        auto& transfer = *static_cast<Transfer*>(context);
+        transfer.head_length += length;
+        if (transfer.head_length > head_limit) {
+            transfer.too_long =
+                "the headers of the response are longer than " + std::to_string(head_limit) + " bytes";
+            return CURL_WRITEFUNC_ERROR;
+        }
         return length;
     }
 };
@@ -149,7 +167,7 @@ char* CloudAccess::build_request(const char* method, const char* params, unsigne
                                  bool add_connect_fields) {
     ordered_json members = ordered_json::object();
     if (params_len > 0) {
-        members = ordered_json::parse(params, params + params_len, nullptr, false);
+        members = parse_json({params, params_len});
     }
     if (!members.is_object()) {
         return nullptr;
@@ -207,10 +225,15 @@ void CloudAccess::begin(std::unique_ptr<Transfer> transfer) {
     curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(transfer->request.size()));
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options.request_timeout.count()));
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    // On a connection that was used before, libcurl repeats a request whose answer does not come: to try
+    // again is the handler's matter.
+    curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
     if (!options.authorities_file.empty()) {
         curl_easy_setopt(handle, CURLOPT_CAINFO, options.authorities_file.c_str());
         curl_easy_setopt(handle, CURLOPT_CAPATH, nullptr);
     }
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &Transfer::receive_head);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, transfer.get());
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &Transfer::receive);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, transfer.get());
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, transfer->error.data());
@@ -232,9 +255,8 @@ void CloudAccess::collect_ended() {
 
         long http_status = 0;
         curl_easy_getinfo(transfer->handle.get(), CURLINFO_RESPONSE_CODE, &http_status);
-        if (transfer->too_long) {
-            end(*transfer, CURLE_FILESIZE_EXCEEDED,
-                "the response is longer than " + std::to_string(options.response_limit) + " bytes");
+        if (!transfer->too_long.empty()) {
+            end(*transfer, CURLE_FILESIZE_EXCEEDED, transfer->too_long);
         } else if (result != CURLE_OK) {
             end(*transfer, result,
                 transfer->error.front() != '\0' ? transfer->error.data() : curl_easy_strerror(result));
