@@ -73,7 +73,6 @@ void break_line(const std::string& name) {
 } // namespace schedules
 
 /// Called by the constructors of a library that was compiled for the thread sanitizer.
-extern "C" void __tsan_init();  // NOLINT(bugprone-reserved-identifier)
 extern "C" void __tsan_init() { // NOLINT(bugprone-reserved-identifier)
     schedules::constructed_for_sanitizer = true;
 }

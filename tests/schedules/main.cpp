@@ -13,9 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <new>
-#include <optional>
 #include <set>
 #include <string>
 #include <vector>
@@ -32,18 +30,16 @@ namespace schedules {
 
 namespace {
 
-constexpr char kUsage[] =
-    "usage: schedules [--whole]\n"
-    "       schedules --build shipped|instrumented --situation NAME [--broken LINE] [--replay SCHEDULE]\n"
-    "\n"
-    "  --whole      the larger situations, too, and the instrumented library with every order of what is "
-    "done\n"
-    "               behind a write and a request\n"
-    "  --situation  explore one situation, and print the schedule of each failure\n"
-    "  --replay     run one schedule, and print its steps\n"
-    "\n"
-    "A schedule like 7d2w1c is seven steps of the dispatch thread, two of the worker, and one of the "
-    "callback.\n";
+constexpr char kUsage[] = "usage: schedules [--whole]\n"
+                          "       schedules BUILD[:LINE] SITUATION [SCHEDULE]\n"
+                          "\n"
+                          "The first form explores everything; --whole adds two large situations. The second "
+                          "explores one situation and\n"
+                          "prints each kind of failure with its schedule, or runs one schedule and prints "
+                          "its steps. BUILD is shipped or\n"
+                          "instrumented, LINE one of broken_lines.py. 7d2w1c is a schedule: seven steps of "
+                          "the dispatch thread, two of\n"
+                          "the worker, one of the callback.\n";
 
 /// What has to be there, so that a list that got lost is no success.
 constexpr std::size_t kExpectedSituations = 15;
@@ -77,6 +73,12 @@ struct Failure {
     std::fflush(stdout);
     std::fprintf(stderr, "schedules: %s\n", message.c_str());
     std::exit(1);
+}
+
+void expect_count(std::size_t count, std::size_t expected, const std::string& what) {
+    if (count != expected) {
+        end("there are " + std::to_string(count) + " " + what + ", and not " + std::to_string(expected));
+    }
 }
 
 /// Always the same choice: the thread that ran last goes on.
@@ -139,6 +141,10 @@ void load(const Build& build, const std::string& broken = "", bool whole = false
     load_library(path(build, !broken.empty()), !broken.empty());
     if (instrumented() != build.instrumented) {
         end(path(build, false) + " is not the build that its name promises");
+    }
+    const std::vector<std::string> lines = broken_lines();
+    if (!broken.empty() && std::find(lines.begin(), lines.end(), broken) == lines.end()) {
+        end("no line of broken_lines.py is called " + broken);
     }
     break_line("");
     const Objects unseen = kBehindWrite | kBehindRequest;
@@ -217,9 +223,9 @@ std::string with_lines(std::string message, const std::string& library) {
 
 void print(const Build& build, const Situation& situation, const std::string& broken,
            const Failure& failure) {
-    std::printf("%s\nreplay: schedules --build %s --situation %s%s --replay %s\n",
+    std::printf("%s\nreplay: schedules %s%s %s %s\n",
                 with_lines(failure.message, path(build, !broken.empty())).c_str(), build.name.c_str(),
-                situation.name.c_str(), broken.empty() ? "" : (" --broken " + broken).c_str(),
+                broken.empty() ? "" : (":" + broken).c_str(), situation.name.c_str(),
                 failure.schedule.c_str());
 }
 
@@ -229,7 +235,6 @@ bool is_first(const Failure& /*failure*/) {
 
 /// Explores every situation of a daemon that keeps its contract.
 void prove(bool whole) {
-    std::map<std::string, std::string> lines;
     std::size_t count = 0;
     std::size_t schedules = 0;
     for (const Build& build : kBuilds) {
@@ -237,7 +242,7 @@ void prove(bool whole) {
         const double before = processor_seconds();
         count = 0;
         for (const Situation& situation : situations()) {
-            if (situation.breach != Breach::none || (is_large(situation) && !whole)) {
+            if (situation.breaks_contract() || (situation.is_large() && !whole)) {
                 continue;
             }
             const double begin = processor_seconds();
@@ -250,14 +255,11 @@ void prove(bool whole) {
                         shared->search.executions, processor_seconds() - begin);
             std::fflush(stdout);
             schedules += shared->search.executions;
-            count += is_large(situation) ? 0 : 1;
+            count += situation.is_large() ? 0 : 1;
         }
         std::printf("%-14s%.1f s of processor time\n", build.name.c_str(), processor_seconds() - before);
     }
-    if (count != kExpectedSituations) {
-        end("there are " + std::to_string(count) + " situations, and not " +
-            std::to_string(kExpectedSituations));
-    }
+    expect_count(count, kExpectedSituations, "situations");
     std::printf("schedules: %zu situations, %zu schedules with both builds, all as the oracle says\n", count,
                 schedules);
 }
@@ -269,7 +271,7 @@ void report_breaches() {
         load(build);
         count = 0;
         for (const Situation& situation : situations()) {
-            if (situation.breach == Breach::none) {
+            if (!situation.breaks_contract()) {
                 continue;
             }
             ++count;
@@ -289,39 +291,27 @@ void report_breaches() {
             }
         }
     }
-    if (count != kExpectedBreaches) {
-        end("there are " + std::to_string(count) + " hosts that break their contract, and not " +
-            std::to_string(kExpectedBreaches));
-    }
+    expect_count(count, kExpectedBreaches, "hosts that break their contract");
     std::printf("schedules: each of %zu hosts that break their contract reported with both builds\n", count);
 }
 
-/// The first situation that shows the broken line, with its failure.
-std::optional<Failure> find_broken(const Build& build, const std::string& line) {
+/// True when a situation shows the broken line.
+bool is_found(const Build& build, const std::string& line) {
     load(build, line);
-    for (const Situation& situation : situations()) {
-        if (situation.breach == Breach::none && !is_large(situation)) {
-            const std::vector<Failure> failures = explore(situation, is_first);
-            if (!failures.empty()) {
-                return failures.front();
-            }
-        }
-    }
-    return std::nullopt;
+    return std::any_of(situations().begin(), situations().end(), [](const Situation& situation) {
+        return !situation.breaks_contract() && !situation.is_large() && !explore(situation, is_first).empty();
+    });
 }
 
 void find_broken_lines() {
     for (const Build& build : kBuilds) {
         load_library(path(build, true), true);
         const std::vector<std::string> lines = broken_lines();
-        if (lines.size() != kExpectedBrokenLines) {
-            end("there are " + std::to_string(lines.size()) + " broken lines, and not " +
-                std::to_string(kExpectedBrokenLines));
-        }
+        expect_count(lines.size(), kExpectedBrokenLines, "broken lines");
         std::size_t found = 0;
         for (const std::string& line : lines) {
             if (build.instrumented || kSeenInstrumentedOnly.count(line) == 0) {
-                if (!find_broken(build, line)) {
+                if (!is_found(build, line)) {
                     end("the broken line " + line + ", " + build.name + ": nobody reports it");
                 }
                 ++found;
@@ -330,30 +320,6 @@ void find_broken_lines() {
         std::printf("schedules: %zu of %zu broken lines found with the %s library\n", found, lines.size(),
                     build.name.c_str());
     }
-}
-
-/// One situation, or one schedule of it.
-int look_at(const Build& build, const Situation& situation, const std::string& broken,
-            const std::optional<std::string>& schedule) {
-    load(build, broken);
-    if (schedule) {
-        const std::string message = in_child([&] {
-            Replay replay(*schedule);
-            run(situation, replay);
-        });
-        std::puts(message.empty() ? "no failure" : with_lines(message, path(build, !broken.empty())).c_str());
-        return message.empty() ? 0 : 1;
-    }
-    std::set<std::string> seen;
-    const std::vector<Failure> failures = explore(situation, [&](const Failure& failure) {
-        if (seen.insert(failure.message).second) {
-            print(build, situation, broken, failure);
-        }
-        return situation.breach == Breach::none;
-    });
-    std::printf("%zu schedules, %zu of them repeated, %zu failures\n", shared->search.executions,
-                shared->search.repeated, failures.size());
-    return failures.empty() ? 0 : 1;
 }
 
 template <typename List>
@@ -365,39 +331,50 @@ const auto& named(const List& list, const std::string& name) {
         }
         names += " " + entry.name;
     }
-    end("'" + name + "' is none of:" + names);
+    end("'" + name + "' is none of:" + names + "; see --help");
+}
+
+/// One situation, or one schedule of it.
+int look_at(const std::vector<std::string>& arguments) {
+    const std::size_t colon = arguments[0].find(':');
+    const Build& build = named(kBuilds, arguments[0].substr(0, colon));
+    const std::string broken = colon == std::string::npos ? "" : arguments[0].substr(colon + 1);
+    const Situation& situation = named(situations(), arguments[1]);
+    load(build, broken);
+    if (arguments.size() == 3) {
+        const std::string message = in_child([&] {
+            Replay replay(arguments[2]);
+            run(situation, replay);
+        });
+        std::puts(message.empty() ? "no failure" : with_lines(message, path(build, !broken.empty())).c_str());
+        return message.empty() ? 0 : 1;
+    }
+    std::set<std::string> seen;
+    const std::vector<Failure> failures = explore(situation, [&](const Failure& failure) {
+        if (seen.insert(failure.message).second) {
+            print(build, situation, broken, failure);
+        }
+        return !situation.breaks_contract();
+    });
+    std::printf("%zu schedules, %zu of them repeated, %zu failures\n", shared->search.executions,
+                shared->search.repeated, failures.size());
+    return failures.empty() ? 0 : 1;
 }
 
 int main(const std::vector<std::string>& arguments) {
-    std::map<std::string, std::string> options;
-    for (std::size_t next = 0; next < arguments.size(); ++next) {
-        const std::string& option = arguments[next];
-        if (option == "--help") {
-            std::fputs(kUsage, stdout);
-            return 0;
-        }
-        const bool known = option == "--whole" || option == "--build" || option == "--situation" ||
-                           option == "--broken" || option == "--replay";
-        if (!known || (option != "--whole" && next + 1 == arguments.size())) {
-            end("'" + option + "' is no option, or lacks its argument; see --help");
-        }
-        options[option] = option == "--whole" ? "yes" : arguments[++next];
-    }
-    const bool one = options.count("--situation") != 0;
-    if (one != (options.count("--build") != 0) || (!one && options.size() > options.count("--whole"))) {
-        end("--situation, --build, --broken and --replay go together; see --help");
-    }
     json_object_seed(1); // Or jansson would ask the system for one.
     cv::log::current_level = -1;
     shared = static_cast<Shared*>(
         mmap(nullptr, sizeof(Shared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    if (one) {
-        const auto found = options.find("--replay");
-        return look_at(named(kBuilds, options["--build"]), named(situations(), options["--situation"]),
-                       options["--broken"],
-                       found == options.end() ? std::nullopt : std::optional<std::string>(found->second));
+    const bool whole = arguments == std::vector<std::string>{"--whole"};
+    if (arguments.size() == 2 || arguments.size() == 3) {
+        return look_at(arguments);
     }
-    prove(options.count("--whole") != 0);
+    if (!arguments.empty() && !whole) {
+        std::fputs(kUsage, stdout);
+        return arguments[0] == "--help" ? 0 : 2;
+    }
+    prove(whole);
     report_breaches();
     find_broken_lines();
     return 0;

@@ -33,6 +33,9 @@ std::size_t opened = 0;
 /// The worker's last select() has found a stop byte.
 bool stopped = false;
 std::array<Clock, kThreads> ends_of_threads;
+/// What the last store to the registration's flag handed over.
+Clock flag_clock;
+Watcher* watcher = nullptr;
 long blocks = 0;
 std::array<void*, 20000> freed;
 std::size_t freed_count = 0;
@@ -59,7 +62,7 @@ class PointedSystem final : public kit::System {
 public:
     unsigned int sleep(unsigned int seconds) override {
         point({"sleep", kObject});
-        pause(seconds);
+        watcher->pauses(seconds);
         return 0;
     }
 
@@ -91,7 +94,7 @@ public:
         }
         pipe.bytes[pipe.unread++] = release();
         if (!stop) {
-            wake_up_written();
+            watcher->wake_up_written();
         }
         const ssize_t result = System::write(descriptor, buffer, size);
         point({"written", kObject | kBehindWrite});
@@ -102,7 +105,7 @@ public:
         if (!executing()) {
             return System::select(count, reads, writes, exceptions, timeout);
         }
-        worker_waits();
+        watcher->worker_waits();
         point({"select", kStopPipe | kRunPipe | kObject, 0, kStopPipe | kRunPipe, readable});
         for (const Pipe& pipe : pipes) {
             pipe_of(pipe.ends[0], 0);
@@ -125,7 +128,7 @@ public:
             acquire(pipe.bytes[0]);
             std::move(pipe.bytes.begin() + 1, pipe.bytes.end(), pipe.bytes.begin());
             --pipe.unread;
-            wake_up_read();
+            watcher->wake_up_read();
         }
         return System::read(descriptor, buffer, size);
     }
@@ -142,9 +145,11 @@ public:
 
 } // namespace
 
-void begin_points() {
+void begin_points(Watcher& new_watcher) {
     static PointedSystem system;
     kit::put_in_front(&system);
+    watcher = &new_watcher;
+    flag_clock = {};
     pipes = {};
     opened = 0;
     stopped = false;
@@ -163,6 +168,23 @@ void end_points() {
 
 long allocated_blocks() {
     return blocks;
+}
+
+void load_flag() {
+    if (executing()) {
+        point({"load", kFlag});
+        acquire(flag_clock);
+        watcher->flag_loaded();
+    }
+}
+
+void store_flag() {
+    if (executing()) {
+        point({"store", 0, kFlag});
+        acquire(flag_clock);
+        flag_clock = release();
+        watcher->flag_stored();
+    }
 }
 
 } // namespace schedules

@@ -37,9 +37,6 @@ constexpr std::uint32_t kHost = 1;
 std::array<Word, kWords> words;
 std::uint32_t execution = 0;
 std::array<Clock, kThreads> clocks;
-/// What the last store to the registration's flag handed over. The flag is the only atomic that is accessed
-/// with sequential consistency; the others are the log's level, the guard of a table, and jansson's counts.
-Clock flag_clock;
 
 // The word that holds the address.
 Word& find(std::uintptr_t address) {
@@ -99,7 +96,6 @@ void access_byte(Byte& byte, bool write, std::uint32_t code) {
 
 void forget_accesses() {
     ++execution;
-    flag_clock = {};
     for (int thread = 0; thread < kThreads; ++thread) {
         clocks[thread] = {};
         clocks[thread][thread] = 1;
@@ -149,82 +145,49 @@ void free_block(const void* address, std::size_t size) {
     }
 }
 
-void load_flag() {
-    if (executing()) {
-        point({"load", kFlag, 0});
-        acquire(flag_clock);
-        flag_loaded();
-    }
-}
-
-void store_flag() {
-    if (executing()) {
-        point({"store", 0, kFlag});
-        acquire(flag_clock);
-        flag_clock = release();
-        flag_stored();
-    }
-}
-
 } // namespace schedules
 
 // ---- What the compiler has the library call
 
-namespace {
-
+// The flag is the only atomic that is accessed with sequential consistency; the others are the log's level,
+// the guard of a table, and jansson's counts, of values that each belong to one thread.
 constexpr int kSequentiallyConsistent = 5;
-
-} // namespace
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the compiler chose the names.
 #define ACCESS(name, size, write)                                                                            \
-    void __tsan_##name(void* address);                                                                       \
     void __tsan_##name(void* address) {                                                                      \
         schedules::access(address, size, write, __builtin_return_address(0));                                \
     }
+#define ACCESSES(size)                                                                                       \
+    ACCESS(read##size, size, false)                                                                          \
+    ACCESS(write##size, size, true)                                                                          \
+    ACCESS(unaligned_read##size, size, false)                                                                \
+    ACCESS(unaligned_write##size, size, true)
 
 extern "C" {
 
-ACCESS(read1, 1, false)
-ACCESS(read2, 2, false)
-ACCESS(read4, 4, false)
-ACCESS(read8, 8, false)
-ACCESS(read16, 16, false)
-ACCESS(unaligned_read2, 2, false)
-ACCESS(unaligned_read4, 4, false)
-ACCESS(unaligned_read8, 8, false)
-ACCESS(unaligned_read16, 16, false)
+ACCESSES(1)
+ACCESSES(2)
+ACCESSES(4)
+ACCESSES(8)
+ACCESSES(16)
 ACCESS(vptr_read, sizeof(void*), false)
-ACCESS(write1, 1, true)
-ACCESS(write2, 2, true)
-ACCESS(write4, 4, true)
-ACCESS(write8, 8, true)
-ACCESS(write16, 16, true)
-ACCESS(unaligned_write2, 2, true)
-ACCESS(unaligned_write4, 4, true)
-ACCESS(unaligned_write8, 8, true)
-ACCESS(unaligned_write16, 16, true)
 
-void __tsan_func_entry(void* caller);
 void __tsan_func_entry(void* /*caller*/) {}
-void __tsan_func_exit();
 void __tsan_func_exit() {}
 
-void __tsan_read_range(void* address, std::size_t size);
-void __tsan_read_range(void* address, std::size_t size) {
-    schedules::access(address, size, false, __builtin_return_address(0));
-}
-void __tsan_write_range(void* address, std::size_t size);
-void __tsan_write_range(void* address, std::size_t size) {
-    schedules::access(address, size, true, __builtin_return_address(0));
-}
-
-void __tsan_vptr_update(void** address, void* value);
 void __tsan_vptr_update(void** address, void* /*value*/) {
     schedules::access(address, sizeof(void*), true, __builtin_return_address(0));
 }
 
-std::uint8_t __tsan_atomic8_load(const volatile std::uint8_t* address, int order);
+void __tsan_read_range(void* address, std::size_t size) {
+    schedules::access(address, size, false, __builtin_return_address(0));
+}
+
+void __tsan_write_range(void* address, std::size_t size) {
+    schedules::access(address, size, true, __builtin_return_address(0));
+}
+
 std::uint8_t __tsan_atomic8_load(const volatile std::uint8_t* address, int order) {
     if (order == kSequentiallyConsistent) {
         schedules::load_flag();
@@ -232,7 +195,6 @@ std::uint8_t __tsan_atomic8_load(const volatile std::uint8_t* address, int order
     return *address;
 }
 
-void __tsan_atomic8_store(volatile std::uint8_t* address, std::uint8_t value, int order);
 void __tsan_atomic8_store(volatile std::uint8_t* address, std::uint8_t value, int order) {
     if (order == kSequentiallyConsistent) {
         schedules::store_flag();
@@ -240,13 +202,10 @@ void __tsan_atomic8_store(volatile std::uint8_t* address, std::uint8_t value, in
     *address = value;
 }
 
-std::uint32_t __tsan_atomic32_load(const volatile std::uint32_t* address, int order);
 std::uint32_t __tsan_atomic32_load(const volatile std::uint32_t* address, int /*order*/) {
     return *address;
 }
 
-// The count of a JSON value's references: each thread has values of its own.
-std::uint64_t __tsan_atomic64_fetch_sub(volatile std::uint64_t* address, std::uint64_t value, int order);
 std::uint64_t __tsan_atomic64_fetch_sub(volatile std::uint64_t* address, std::uint64_t value, int /*order*/) {
     const std::uint64_t before = *address;
     *address = before - value;
@@ -254,34 +213,27 @@ std::uint64_t __tsan_atomic64_fetch_sub(volatile std::uint64_t* address, std::ui
 }
 
 // The compiler leaves these alone; the linker gives the library ours instead.
-void* __wrap_memcpy(void* target, const void* source, std::size_t size);
 void* __wrap_memcpy(void* target, const void* source, std::size_t size) {
-    schedules::access(source, size, false, __builtin_return_address(0));
-    schedules::access(target, size, true, __builtin_return_address(0));
-    return std::memcpy(target, source, size);
-}
-
-void* __wrap_memmove(void* target, const void* source, std::size_t size);
-void* __wrap_memmove(void* target, const void* source, std::size_t size) {
     schedules::access(source, size, false, __builtin_return_address(0));
     schedules::access(target, size, true, __builtin_return_address(0));
     return std::memmove(target, source, size);
 }
 
-void* __wrap_memset(void* target, int value, std::size_t size);
+void* __wrap_memmove(void* target, const void* source, std::size_t size) {
+    return __wrap_memcpy(target, source, size);
+}
+
 void* __wrap_memset(void* target, int value, std::size_t size) {
     schedules::access(target, size, true, __builtin_return_address(0));
     return std::memset(target, value, size);
 }
 
-int __wrap_memcmp(const void* one, const void* other, std::size_t size);
 int __wrap_memcmp(const void* one, const void* other, std::size_t size) {
     schedules::access(one, size, false, __builtin_return_address(0));
     schedules::access(other, size, false, __builtin_return_address(0));
     return std::memcmp(one, other, size);
 }
 
-std::size_t __wrap_strlen(const char* text);
 std::size_t __wrap_strlen(const char* text) {
     const std::size_t length = std::strlen(text);
     schedules::access(text, length + 1, false, __builtin_return_address(0));

@@ -34,10 +34,6 @@ void access(const void* address, std::size_t size, bool write, const void* code)
 /// nothing orders that with an earlier access, and when the block was freed before.
 void free_block(const void* address, std::size_t size);
 
-/// The registration's flag: a point, and a hand-over from its stores to its loads.
-void load_flag();
-void store_flag();
-
 } // namespace schedules
 
 #endif

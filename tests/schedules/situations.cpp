@@ -21,7 +21,7 @@ namespace {
 
 /// The daemon of one execution, with the oracle beside it: at each call that leaves the module it has to be
 /// due.
-class Daemon final : public kit::ScriptedHost {
+class Daemon final : public kit::ScriptedHost, public Watcher {
 public:
     explicit Daemon(const Situation& daemon_situation) : situation(daemon_situation), oracle(settings()) {
         partner_id = oracle.settings.partner_id;
@@ -42,12 +42,12 @@ public:
                         bool add_connect_fields) override;
     int publish_message(const char* name, const void* data, unsigned int length) override;
     int send_response(const Message* reply) override;
-    void pause(unsigned int seconds);
-    void wake_up_written();
-    void wake_up_read();
-    void worker_waits();
-    void flag_loaded();
-    void flag_stored();
+    void pauses(unsigned int seconds) override;
+    void wake_up_written() override;
+    void wake_up_read() override;
+    void worker_waits() override;
+    void flag_loaded() override;
+    void flag_stored() override;
 
 private:
     kit::Settings settings() const {
@@ -64,10 +64,9 @@ private:
     kit::Answer next_answer();
     void respond(const kit::Answer& answer);
     void expect(const std::string& effect, bool of_contract = false);
-    void run_ends(void (kit::Oracle::*step)());
 
-    bool breaks(Breach breach) const {
-        return situation.breach == breach;
+    bool breaks(const char* breach) const {
+        return situation.name == breach;
     }
 
     const Situation& situation;
@@ -107,11 +106,11 @@ void Daemon::dispatch_commands() {
         acquire(begin);
         answer_requests();
     });
-    if (breaks(Breach::two_commands) || breaks(Breach::command_during_uninit)) {
-        undelivered = breaks(Breach::two_commands) ? 1 : 0;
+    if (breaks("two-commands") || breaks("command-during-uninit")) {
+        undelivered = breaks("two-commands") ? 1 : 0;
         start(second, [this, begin] {
             acquire(begin);
-            if (breaks(Breach::command_during_uninit)) {
+            if (breaks("command-during-uninit")) {
                 point({"uninit begins", kExchange, 0, kExchange, [] { return daemon->in_uninit ? 1 : 0; }});
             }
             undelivered = 0;
@@ -127,7 +126,7 @@ void Daemon::dispatch_commands() {
             deliver(word);
         }
     }
-    if (!breaks(Breach::callback_during_uninit)) {
+    if (!breaks("callback-during-uninit")) {
         point({"close", 0, kRequests});
         closed = true;
         point({"last callback", kCallbacks, 0, kCallbacks, [] { return daemon->callbacks == 0 ? 1 : 0; }});
@@ -180,8 +179,7 @@ void Daemon::finish() {
 void Daemon::answer_requests() {
     for (;;) {
         point({"next request", kObject, kRequests | kCallbacks | kBehindRequest, kRequests, [] {
-                   return (daemon->breaks(Breach::never_answers) ? 0 : daemon->queued) +
-                          (daemon->closed ? 1 : 0);
+                   return (daemon->breaks("never-answers") ? 0 : daemon->queued) + (daemon->closed ? 1 : 0);
                }});
         if (closed) {
             return;
@@ -201,17 +199,17 @@ void Daemon::answer_next() {
     const kit::Answer next = next_answer();
     respond(next);
     answer(next);
-    if (breaks(Breach::calls_twice)) {
+    if (breaks("calls-twice")) {
         answer_again(request.callback, request.user_data);
-    } else if (breaks(Breach::calls_often)) {
+    } else if (breaks("calls-often")) {
         for (int times = 0; times < 3; ++times) {
             answer_again(request.callback, new unsigned long long(0));
         }
-    } else if (breaks(Breach::calls_after_end) || breaks(Breach::calls_after_next_start)) {
+    } else if (breaks("calls-after-end") || breaks("calls-after-next-start")) {
         if (oracle.outstanding() == 0 && answers == 2) {
             // The registration ends with the second answer.
             point({"the end", kExchange, 0, kExchange, [] {
-                       const int late = daemon->breaks(Breach::calls_after_next_start) ? 2 : 1;
+                       const int late = daemon->breaks("calls-after-next-start") ? 2 : 1;
                        return daemon->ended >= 1 && daemon->commands >= late ? 1 : 0;
                    }});
             answer_again(request.callback, new unsigned long long(0));
@@ -257,7 +255,7 @@ void Daemon::expect(const std::string& effect, bool of_contract) {
     const auto found = std::find(due.begin(), due.end(), effect);
     if (found != due.end()) {
         due.erase(found);
-    } else if (!of_contract || breaks(Breach::none)) {
+    } else if (!of_contract || !situation.breaks_contract()) {
         std::string text = "not due: " + effect;
         for (const std::string& other : due) {
             text += "; due: " + other;
@@ -302,7 +300,7 @@ int Daemon::send_request(const char* request, const char* service, cvtessel_call
     }
     queue_clock = release();
     const int result = ScriptedHost::send_request(request, service, callback_function, user_data);
-    if (fate == 'n' && breaks(Breach::answers_refused)) {
+    if (fate == 'n' && breaks("answers-refused")) {
         ScriptedHost::send_request(request, service, callback_function, user_data);
     }
     queued = static_cast<int>(outstanding().size());
@@ -331,7 +329,7 @@ int Daemon::send_response(const Message* reply) {
     point({"reply", kObject, kExchange});
     expect("reply " + std::to_string(reply->request_id) + " " +
            std::string(reply->payload, reply->payload_len));
-    if (breaks(Breach::operations_wait)) {
+    if (breaks("operations-wait")) {
         point({"dispatch", kLife << dispatch, 0, kLife << dispatch,
                [] { return has_ended(dispatch) ? 1 : 0; }});
     }
@@ -347,7 +345,7 @@ int Daemon::send_response(const Message* reply) {
     return result;
 }
 
-void Daemon::pause(unsigned int seconds) {
+void Daemon::pauses(unsigned int seconds) {
     expect("sleep " + std::to_string(seconds));
     oracle.pause_over();
 }
@@ -386,31 +384,12 @@ void Daemon::flag_stored() {
 
 } // namespace
 
-void wake_up_written() {
-    daemon->wake_up_written();
-}
-void wake_up_read() {
-    daemon->wake_up_read();
-}
-void worker_waits() {
-    daemon->worker_waits();
-}
-void pause(unsigned int seconds) {
-    daemon->pause(seconds);
-}
-void flag_loaded() {
-    daemon->flag_loaded();
-}
-void flag_stored() {
-    daemon->flag_stored();
-}
-
 void run(const Situation& situation, Chooser& chooser) {
     const long blocks = allocated_blocks();
     {
         Daemon this_daemon(situation);
         daemon = &this_daemon;
-        begin_points();
+        begin_points(this_daemon);
         forget_accesses();
         execute([&this_daemon] { this_daemon.dispatch_commands(); }, chooser);
         end_points();
@@ -424,11 +403,8 @@ void run(const Situation& situation, Chooser& chooser) {
     }
 }
 
-bool is_large(const Situation& situation) {
-    return situation.name.rfind("large-", 0) == 0;
-}
-
 const std::vector<Situation>& situations() {
+    // clang-format off
     static const std::vector<Situation> all = {
         {"start", "start wait uninit"},
         {"start-without-reply", "quiet-start wait uninit"},
@@ -448,87 +424,26 @@ const std::vector<Situation>& situations() {
         {"large-second-start-uninit", "start start uninit"},
         {"large-three-commands", "start retry start wait uninit", "bg"},
 
-        {"calls-twice",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::calls_twice,
-         {"memory is freed twice"},
-         {"memory is freed twice"}},
-        {"calls-often",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::calls_often,
-         {"not due: build_request register_box", "wake-ups pile up"},
-         {"race: "}},
-        {"calls-after-end",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::calls_after_end,
-         {"nobody has woken it", "the end is not the oracle's"},
-         {"race: "}},
-        {"calls-after-next-start",
-         "start wait start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::calls_after_next_start,
-         {"not due: publish", "not due: build_request", "nobody has woken it"},
-         {"race: "}},
-        {"answers-refused",
-         "start wait uninit",
-         "ng",
-         1,
-         0,
-         Breach::answers_refused,
-         {"memory is freed twice"},
-         {"memory is freed twice"}},
-        {"never-answers",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::never_answers,
-         {"no thread can go on: d at wait"},
-         {"no thread can go on: d at wait"}},
-        {"two-commands",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::two_commands,
-         {"nobody has woken it", "not due: build_request"},
-         {"race: "}},
-        {"callback-during-uninit",
-         "start uninit",
-         "g",
-         0,
-         0,
-         Breach::callback_during_uninit,
-         {"Segmentation fault", "Broken pipe", "a descriptor is used that is not open"},
-         {"race: ", "Broken pipe"}},
-        {"command-during-uninit",
-         "start wait uninit",
-         "g",
-         0,
-         0,
-         Breach::command_during_uninit,
-         {"Segmentation fault", "Broken pipe", "a descriptor is used that is not open"},
-         {"race: "}},
-        {"operations-wait",
-         "start uninit",
-         "g",
-         0,
-         0,
-         Breach::operations_wait,
-         {"no thread can go on: d at join"},
-         {"no thread can go on: d at join"}},
+        {"calls-twice", "start wait uninit", "g", 0, 0, {"memory is freed twice"}, {"memory is freed twice"}},
+        {"calls-often", "start wait uninit", "g", 0, 0,
+         {"not due: build_request register_box", "wake-ups pile up"}, {"race: "}},
+        {"calls-after-end", "start wait uninit", "g", 0, 0,
+         {"nobody has woken it", "the end is not the oracle's"}, {"race: "}},
+        {"calls-after-next-start", "start wait start wait uninit", "g", 0, 0,
+         {"not due: publish", "not due: build_request", "nobody has woken it"}, {"race: "}},
+        {"answers-refused", "start wait uninit", "ng", 1, 0, {"memory is freed twice"}, {"memory is freed twice"}},
+        {"never-answers", "start wait uninit", "g", 0, 0,
+         {"no thread can go on: d at wait"}, {"no thread can go on: d at wait"}},
+        {"two-commands", "start wait uninit", "g", 0, 0,
+         {"nobody has woken it", "not due: build_request"}, {"race: "}},
+        {"callback-during-uninit", "start uninit", "g", 0, 0,
+         {"Segmentation fault", "Broken pipe", "a descriptor is used that is not open"}, {"race: ", "Broken pipe"}},
+        {"command-during-uninit", "start wait uninit", "g", 0, 0,
+         {"Segmentation fault", "Broken pipe", "a descriptor is used that is not open"}, {"race: "}},
+        {"operations-wait", "start uninit", "g", 0, 0,
+         {"no thread can go on: d at join"}, {"no thread can go on: d at join"}},
     };
+    // clang-format on
     return all;
 }
 

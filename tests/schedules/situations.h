@@ -10,21 +10,6 @@
 
 namespace schedules {
 
-/// How a daemon breaks its contract.
-enum class Breach {
-    none,
-    calls_twice,
-    calls_often,
-    calls_after_end,
-    calls_after_next_start,
-    answers_refused,
-    never_answers,
-    two_commands,
-    callback_during_uninit,
-    command_during_uninit,
-    operations_wait,
-};
-
 struct Situation {
     std::string name;
     /// What the dispatch thread does after init(), in order: "start", "quiet-start" (without a reply),
@@ -36,14 +21,19 @@ struct Situation {
     std::string requests = "g";
     int retries = 0;
     int failed_publishes = 0;
-    Breach breach = Breach::none;
-    /// For a breach: what has to be reported, with the shipped and with the instrumented library.
+    /// For a daemon that breaks its contract, as its name says: what has to be reported, with the shipped and
+    /// with the instrumented library.
     std::vector<std::string> reports = {};
     std::vector<std::string> instrumented_reports = {};
-};
 
-/// In a whole run only: these take longer than all others together.
-bool is_large(const Situation& situation);
+    bool breaks_contract() const {
+        return !reports.empty();
+    }
+    /// Of a whole run only: they take longer than all others together.
+    bool is_large() const {
+        return name.rfind("large-", 0) == 0;
+    }
+};
 
 /// The situations of good daemons, and one for each breach.
 const std::vector<Situation>& situations();
