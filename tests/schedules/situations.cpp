@@ -421,7 +421,7 @@ const std::vector<Situation>& situations() {
         {"answer-inside", "start wait uninit", "i"},
         {"answer-inside-uninit", "start uninit", "i"},
         {"failing-retry-uninit", "start retry uninit", "bg"},
-        {"large-second-start-uninit", "start start uninit"},
+        {"second-start-uninit", "start start uninit"},
         {"large-three-commands", "start retry start wait uninit", "bg"},
 
         {"calls-twice", "start wait uninit", "g", 0, 0, {"memory is freed twice"}, {"memory is freed twice"}},

@@ -29,7 +29,7 @@ struct Situation {
     bool breaks_contract() const {
         return !reports.empty();
     }
-    /// Of a whole run only: they take longer than all others together.
+    /// Of a whole run only: it takes longer than all others together.
     bool is_large() const {
         return name.rfind("large-", 0) == 0;
     }
