@@ -69,7 +69,12 @@ Recorder::Recorder(const std::string& path)
     }
     // Neither a link that somebody else has put there, nor a file that somebody else can read.
     descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-    if (descriptor == -1 || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 ||
+    struct stat status {};
+    const bool is_file = descriptor != -1 && fstat(descriptor, &status) == 0 && S_ISREG(status.st_mode);
+    if (descriptor != -1 && !is_file) {
+        errno = ENODEV;
+    }
+    if (!is_file || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 ||
         !write_line({{"record", "cvcloudd 1"}, {"started", utc_now()}})) {
         const std::string reason = std::strerror(errno);
         if (descriptor != -1) {

@@ -108,9 +108,15 @@ def test_an_integer_setting_out_of_range(without_cloud, number):
 def test_a_pipe_in_the_place_of_a_file(without_cloud, option, problem):
     pipe = without_cloud.run_directory / "pipe"
     os.mkfifo(pipe)
-    command = without_cloud.daemon_command("--record", "/dev/null")
+    command = without_cloud.daemon_command("--record", without_cloud.run_directory / "record.jsonl")
     command[command.index(option) + 1] = pipe
     assert_one_line(run(command), 1, pipe, problem)
+
+
+def test_a_device_in_the_place_of_a_record(without_cloud):
+    mode = os.stat("/dev/full").st_mode
+    assert_one_line(run(without_cloud.daemon_command("--record", "/dev/full")), 1, "/dev/full", "No such device")
+    assert os.stat("/dev/full").st_mode == mode
 
 
 def test_a_run_directory_of_another_user(without_cloud):
