@@ -87,8 +87,6 @@ int serve(const Options& options) {
     sigaddset(&stop_signals, SIGTERM);
     sigaddset(&stop_signals, SIGINT);
     pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-    std::signal(SIGPIPE, SIG_IGN);
-
     cloud::CloudService service(options.cloud);
     service.add_faults(options.faults);
     const auto time_limit = std::chrono::ceil<std::chrono::milliseconds>(

@@ -1,6 +1,7 @@
 #include "common/process.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 #include <stdexcept>
 #include <string>
@@ -15,6 +16,9 @@ namespace sandbox {
 
 void prepare_process(int descriptors) {
     umask(S_IRWXG | S_IRWXO);
+    // A log whose reader has gone, or a file that may not grow, must not end the process.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     rlimit limit{};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
         limit.rlim_cur = limit.rlim_max;

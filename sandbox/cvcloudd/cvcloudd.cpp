@@ -354,8 +354,6 @@ int main(int argc, char** argv) {
     if (options.mask_tokens) {
         cv::log::mask_tokens();
     }
-    // A log whose reader has gone must not end the daemon.
-    std::signal(SIGPIPE, SIG_IGN);
     curl_global_init(CURL_GLOBAL_DEFAULT);
     int exit_code = 0;
     try {

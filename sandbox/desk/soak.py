@@ -1,14 +1,21 @@
-"""Plays random bad days on one desk, one after another: every command that wants a reply must get one, a box must keep
-its device id, every daemon must end cleanly, and neither the daemon nor the cloud may lose descriptors or threads.
+"""Plays random bad days on one desk, one after another: faults of the cloud, programs that are stopped, killed or halted,
+full disks, too few descriptors, a second daemon, corrupt settings. Every command that wants a reply must get one, a box
+must keep its device id, every daemon must end cleanly, the file of boxes must stay whole, and neither the daemon nor the
+cloud may lose descriptors or threads.
 
 The same seed gives the same faults and commands again, though not the same timing.
 """
 
 import argparse
+import contextlib
 import json
 import os
 import random
 import re
+import resource
+import signal
+import sqlite3
+import subprocess
 import sys
 import time
 from pathlib import Path
@@ -30,6 +37,21 @@ ANSWER_TIMEOUT = 30
 DESCRIPTOR_SLACK = 8
 # The rounds after which a program holds what it keeps.
 WARM_UP_ROUNDS = 3
+
+
+# The rounds, by what happens in them, and how often each is played in comparison.
+KINDS = {"command": 40, "crowd": 15, "cloud_stop": 4, "cloud_kill": 4, "cloud_halt": 4, "daemon_stop": 4, "daemon_kill": 4,
+         "daemon_halt": 6, "second_daemon": 4, "corrupt_settings": 3, "full_disk": 6, "no_descriptors": 6}
+
+
+@contextlib.contextmanager
+def halted(program):
+    """Stops the program as a debugger does, for the length of the block."""
+    program.process.send_signal(signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        program.process.send_signal(signal.SIGCONT)
 
 
 class Usage:
@@ -64,6 +86,7 @@ class Soak:
         self._device_ids = {}
         self.rounds = 0
         self.commands = 0
+        self.kinds = dict.fromkeys(KINDS, 0)
 
     def run(self, is_over):
         """Plays rounds until `is_over()`; raises DeskError when something is wrong."""
@@ -98,21 +121,95 @@ class Soak:
     def _play_round(self):
         self._desk.ask_cloud("DELETE", "/faults")
         self._desk.ask_cloud("POST", "/faults", [self._fault() for _ in range(self._random.randrange(5))])
-        kind = self._random.random()
-        if kind < 0.7:
+        kind = self._random.choices(list(KINDS), KINDS.values())[0]
+        self.kinds[kind] += 1
+        getattr(self, "_play_" + kind)()
+        if self._desk.cvex("status", "--json").returncode != 0:
+            raise desk.DeskError(f"the daemon does not tell its status after the round '{kind}'")
+
+    def _play_command(self):
+        self._finish([self._command()])
+
+    def _play_crowd(self):
+        self._finish([self._command() for _ in range(self._random.randint(2, 4))])
+
+    def _play_cloud_stop(self):
+        clients = [self._command()]
+        self._stop(self._desk.cloud)
+        self._finish(clients)
+        self._start_cloud()
+
+    def _play_cloud_kill(self):
+        clients = [self._command()]
+        self._kill(self._desk.cloud)
+        self._finish(clients)
+        self._check_boxes()
+        self._start_cloud()
+
+    def _play_cloud_halt(self):
+        with halted(self._desk.cloud):
             self._finish([self._command()])
-        elif kind < 0.9:
-            self._finish([self._command() for _ in range(self._random.randint(2, 4))])
-        elif kind < 0.95:
-            clients = [self._command()]
-            self._stop(self._desk.cloud)
-            self._finish(clients)
-            self._start_cloud()
-        else:
-            clients = [self._command()]
-            self._stop(self._desk.daemon)
-            self._finish(clients, may_miss_daemon=True)
-            self._start_daemon()
+
+    def _play_daemon_stop(self):
+        clients = [self._command()]
+        self._stop(self._desk.daemon)
+        self._finish(clients, may_miss_daemon=True)
+        self._start_daemon()
+
+    def _play_daemon_kill(self):
+        clients = [self._command()]
+        self._kill(self._desk.daemon)
+        self._finish(clients, may_miss_daemon=True)
+        self._start_daemon()
+
+    def _play_daemon_halt(self):
+        with halted(self._desk.daemon):
+            clients = [self._command() for _ in range(3)]
+        self._finish(clients)
+
+    def _play_second_daemon(self):
+        client = self._command()
+        second = self._desk.start(self._desk.daemon_command())
+        if second.wait() != 1:
+            raise desk.DeskError(f"a second daemon ended with exit code {second.process.returncode}")
+        self._finish([client])
+
+    def _play_corrupt_settings(self):
+        self._stop(self._desk.daemon)
+        text = self._desk.settings_file.read_bytes()
+        self._desk.settings_file.write_bytes(text[:self._random.randrange(len(text) - 2)])
+        refused = self._desk.start(self._desk.daemon_command())
+        if refused.wait() != 1 or f"{self._desk.settings_file}:" not in refused.lines[-1]:
+            raise desk.DeskError(f"corrupt settings gave exit code {refused.process.returncode}: {refused.lines}")
+        self._start_daemon()
+
+    def _play_full_disk(self):
+        # The file of boxes cannot grow.
+        pid = str(self._desk.cloud.process.pid)
+        subprocess.run(["prlimit", "--pid", pid, "--fsize=1:"], check=True)
+        self._finish([self._command()])
+        subprocess.run(["prlimit", "--pid", pid, "--fsize=unlimited:"], check=True)
+
+    def _play_no_descriptors(self):
+        # None is left for another client: it is turned away until there is.
+        process = Path("/proc") / str(self._desk.daemon.process.pid)
+        soft, hard = resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE)
+        resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE, (len(os.listdir(process / "fd")), hard))
+        client = self._command()
+        self._desk.daemon.wait_for_line("a client is turned away")
+        resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE, (soft, hard))
+        self._finish([client])
+
+    @staticmethod
+    def _kill(program):
+        program.process.kill()
+        program.wait()
+
+    def _check_boxes(self):
+        with contextlib.closing(sqlite3.connect(self._desk.run_directory / "boxes.sqlite")) as boxes:
+            problem = boxes.execute("PRAGMA integrity_check").fetchone()[0]
+        if problem != "ok":
+            raise desk.DeskError(f"the file of boxes is not whole: {problem}")
 
     def _fault(self):
         return (f"{self._random.choice(METHODS)}*{self._random.randint(1, 3)}="
@@ -171,6 +268,7 @@ def main():
         print(f"scripts/soak: seed {arguments.seed}, {error}", file=sys.stderr)
         return 1
     print(f"{soak.rounds} rounds, {soak.commands} commands, each answered, in {time.monotonic() - begin:.0f} s")
+    print("rounds: " + ", ".join(f"{kind} {count}" for kind, count in soak.kinds.items()))
     return 0
 
 
