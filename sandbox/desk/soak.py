@@ -191,12 +191,14 @@ class Soak:
         subprocess.run(["prlimit", "--pid", pid, "--fsize=unlimited:"], check=True)
 
     def _play_no_descriptors(self):
-        # None is left for another client: it is turned away until there is.
+        # None is left for another client, unless one that has gone leaves its own: it is turned away until there is.
         process = Path("/proc") / str(self._desk.daemon.process.pid)
         soft, hard = resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE)
         resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE, (len(os.listdir(process / "fd")), hard))
         client = self._command()
-        self._desk.daemon.wait_for_line("a client is turned away")
+        code = self._desk.cvex("status", "--timeout", "1").returncode
+        if code not in (0, 5):
+            raise desk.DeskError(f"a client without a descriptor for it ended with exit code {code}")
         resource.prlimit(self._desk.daemon.process.pid, resource.RLIMIT_NOFILE, (soft, hard))
         self._finish([client])
 
