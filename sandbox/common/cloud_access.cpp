@@ -122,15 +122,25 @@ CloudAccess::CloudAccess(CloudAccessOptions access_options)
     check_authorities(options.authorities_file);
     partner_id = options.partner_id;
     curl_multi_setopt(multi.get(), CURLMOPT_MAX_TOTAL_CONNECTIONS, connection_limit);
-    thread = std::thread(&CloudAccess::run, this);
 }
 
 CloudAccess::~CloudAccess() {
     shut_down();
 }
 
-void CloudAccess::shut_down() {
+void CloudAccess::start() {
+    thread = std::thread([this] {
+        pthread_setname_np(pthread_self(), "callback");
+        serve();
+    });
+}
+
+void CloudAccess::stop() {
     submitted.close();
+}
+
+void CloudAccess::shut_down() {
+    stop();
     if (thread.joinable()) {
         thread.join();
     }
@@ -187,8 +197,7 @@ int CloudAccess::daemon_operation() {
     return 0;
 }
 
-void CloudAccess::run() {
-    pthread_setname_np(pthread_self(), "callback");
+void CloudAccess::serve() {
     for (;;) {
         while (auto transfer = submitted.take()) {
             begin(std::move(*transfer));

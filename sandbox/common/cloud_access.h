@@ -66,8 +66,8 @@ struct CloudRequest {
 /// or the transfer library's error number (below 100: 7 cannot connect, 28 timed out, 42 given up because the
 /// daemon stops, 63 longer than the limit). The body is what came, unchanged.
 ///
-/// An accepted request has its callback called exactly once, on this object's own thread and never from
-/// inside send_request(). Only after shut_down() is a request not sent any more: it fails at once, and its
+/// An accepted request has its callback called exactly once, on the thread that serves and never from inside
+/// send_request(). Only after shut_down() is a request not sent any more: it fails at once, and its
 /// callback is called from inside send_request(). To refuse it would make a handler that retries go through
 /// all its pauses.
 class CloudAccess : public CvCloudAPI {
@@ -77,9 +77,17 @@ public:
     CloudAccess(const CloudAccess&) = delete;
     CloudAccess& operator=(const CloudAccess&) = delete;
 
-    /// Sends no further request, ends the outstanding ones as failed and returns when their last callback has
-    /// returned. A callback that is called afterwards is called by the handler's own send_request(). For the
-    /// dispatch thread.
+    /// Carries out the requests, on a thread of this object's own.
+    void start();
+
+    /// Carries them out on the calling thread until stop() is called.
+    void serve();
+
+    /// Sends no further request and ends the outstanding ones as failed. Any thread may call it.
+    void stop();
+
+    /// Stops, and waits for the thread that start() has made: the last callback has returned. A callback that
+    /// is called afterwards is called by the handler's own send_request(). For the dispatch thread.
     void shut_down();
 
     int send_request(const char* request, const char* service, cvtessel_callback callback,
@@ -96,7 +104,7 @@ protected:
     /// build_request() has built a request; called on its thread.
     virtual void request_built(std::uint64_t /*number*/, const char* /*method*/, std::string_view /*params*/,
                                bool /*add_connect_fields*/) {}
-    /// The request goes out; called on this object's own thread.
+    /// The request goes out; called on the thread that serves.
     virtual void request_sent(const CloudRequest& /*request*/) {}
     /// The request has ended; its callback is called next, on the same thread.
     virtual void request_ended(const CloudRequest& /*request*/) {}
@@ -104,7 +112,6 @@ protected:
 private:
     struct Transfer;
 
-    void run();
     void begin(std::unique_ptr<Transfer> transfer);
     void give_up(Transfer& transfer);
     void collect_ended();

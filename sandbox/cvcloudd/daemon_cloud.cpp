@@ -36,6 +36,7 @@ DaemonCloud::DaemonCloud(sandbox::CloudAccessOptions access_options,
     for (const std::string& refusal : refusals_on_purpose) {
         refusals.add(refusal);
     }
+    start();
 }
 
 DaemonCloud::~DaemonCloud() {

@@ -17,7 +17,6 @@
 #include <ctime>
 #include <exception>
 #include <fstream>
-#include <future>
 #include <map>
 #include <memory>
 #include <stdexcept>
@@ -111,8 +110,8 @@ void print_end(long box, const std::string& reply) {
     }
 }
 
-/// The cloud access object of a box that registers once and has no message exchange: it prints each request
-/// and keeps the reply.
+/// The cloud access object of a box that registers once and has no message exchange: it prints each request,
+/// keeps the reply, and does without a thread of its own.
 class BoxCloud final : public sandbox::CloudAccess {
 public:
     BoxCloud(sandbox::CloudAccessOptions access_options, long box_number)
@@ -123,9 +122,10 @@ public:
     BoxCloud(const BoxCloud&) = delete;
     BoxCloud& operator=(const BoxCloud&) = delete;
 
-    /// Waits for the reply to the box's one command. Called once.
-    std::string await_reply() {
-        return reply.get_future().get();
+    /// Carries out the requests of the box's one command and returns the reply.
+    std::string serve_until_reply() {
+        serve();
+        return reply;
     }
 
     int publish_message(const char* /*name*/, const void* /*data*/, unsigned int /*length*/) override {
@@ -133,7 +133,8 @@ public:
     }
 
     int send_response(const Message* message) override {
-        reply.set_value(std::string(message->payload, message->payload_len));
+        reply.assign(message->payload, message->payload_len);
+        stop();
         return 0;
     }
 
@@ -150,7 +151,7 @@ private:
 
     const long box;
     double sent = 0;
-    std::promise<std::string> reply;
+    std::string reply;
 };
 
 /// The life of one box, in a process of its own.
@@ -176,9 +177,8 @@ int run_box(const Options& options, long box, const Pipe& ready, const Pipe& go)
     message.payload_len = static_cast<std::uint32_t>(payload.size());
     message.payload = payload.data();
     handler.handle(message);
-    print_end(box, cloud.await_reply());
-    // The reply may have overtaken the end of the callback: the handler goes when none is in it any more.
-    cloud.shut_down();
+    // Its callbacks are called by this thread: none is in the handler when it goes.
+    print_end(box, cloud.serve_until_reply());
     return 0;
 }
 
