@@ -103,10 +103,16 @@ TEST_F(PipesTest, ThatSelectCannotWatchAreRefusedAndClosedOnce) {
 }
 
 TEST_F(PipesTest, OfTheLastDescriptorThatSelectCanWatchAreAccepted) {
-    RegistrationThread thread;
-    calls::return_from_next_pipe2(101, 102);
-    calls::return_from_next_pipe2(FD_SETSIZE - 1, FD_SETSIZE);
-    EXPECT_TRUE(thread.init_pipes());
+    const std::array<int, 4> cases[] = {
+        {101, 102, FD_SETSIZE - 1, FD_SETSIZE},
+        {FD_SETSIZE - 1, FD_SETSIZE, 101, 102},
+    };
+    for (const auto& [stop_read, stop_write, run_read, run_write] : cases) {
+        RegistrationThread thread;
+        calls::return_from_next_pipe2(stop_read, stop_write);
+        calls::return_from_next_pipe2(run_read, run_write);
+        EXPECT_TRUE(thread.init_pipes());
+    }
 }
 
 TEST_F(PipesTest, AreClosedReadEndFirstWithoutTheEndsThatAreUnopened) {
