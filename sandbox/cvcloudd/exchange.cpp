@@ -156,7 +156,7 @@ void Exchange::run() {
 }
 
 void Exchange::receive_command() {
-    std::string sender;
+    cvex::Requester sender;
     try {
         ReceivedCommand item{++last_request_id, cvex::receive_command(router, sender)};
         const bool wants_reply = item.command.type == cvex::type_wants_reply;
@@ -202,7 +202,7 @@ void Exchange::send_reply(const OutgoingReply& reply_item) {
     requesters.erase(requester);
 }
 
-void Exchange::send_reply_to(const std::string& requester, const std::string& payload) {
+void Exchange::send_reply_to(const cvex::Requester& requester, const std::string& payload) {
     try {
         if (cvex::send_reply(router, requester, {payload, last_published})) {
             return;

@@ -86,7 +86,7 @@ private:
     void receive_command();
     void acknowledge_subscriptions();
     void send_reply(const OutgoingReply& reply);
-    void send_reply_to(const std::string& requester, const std::string& payload);
+    void send_reply_to(const cvex::Requester& requester, const std::string& payload);
     void send_published(const std::string& name, const std::string& payload);
 
     DirectoryLock lock;
@@ -98,7 +98,7 @@ private:
     sandbox::Mailbox<std::variant<OutgoingReply, OutgoingMessage>> outgoing;
     std::uint64_t last_request_id = 0;
     std::uint64_t last_published = 0;
-    std::map<std::uint64_t, std::string> requesters;
+    std::map<std::uint64_t, cvex::Requester> requesters;
     /// A subscriber has missed the last message that was published.
     bool is_losing = false;
     std::thread thread;

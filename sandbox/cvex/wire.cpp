@@ -97,11 +97,19 @@ PublishedMessage receive_published(zmq::socket_t& subscriber) {
     return {frames[0], frames[1], to_number(frames[2])};
 }
 
-Command parse_command(const std::vector<std::string>& frames) {
-    if (frames.size() != 4) {
+Command parse_command(std::vector<std::string> frames, Requester& sender) {
+    if (!frames.empty()) {
+        sender.address = frames[0];
+        frames.erase(frames.begin());
+    }
+    if (!frames.empty() && frames[0].empty()) {
+        sender.is_req = true;
+        frames.erase(frames.begin());
+    }
+    if (frames.size() != 3) {
         throw std::invalid_argument("A command has the three frames name, type and payload");
     }
-    Command command{0, frames[1], frames[3]};
+    Command command{0, frames[0], frames[2]};
     if (command.name.empty() || command.name.size() > name_limit ||
         command.name.find('\0') != std::string::npos) {
         throw std::invalid_argument("A command name has 1 to " + std::to_string(name_limit) +
@@ -111,26 +119,29 @@ Command parse_command(const std::vector<std::string>& frames) {
         throw std::invalid_argument("A command's payload has at most " + std::to_string(payload_limit) +
                                     " bytes");
     }
-    const std::string& type = frames[2];
+    const std::string& type = frames[1];
     const char* const end = type.data() + type.size();
     if (const auto result = std::from_chars(type.data(), end, command.type);
         result.ec != std::errc() || result.ptr != end) {
         throw std::invalid_argument("A command type is a decimal number of 32 bits");
     }
+    if (sender.is_req && command.type != type_wants_reply) {
+        throw std::invalid_argument("A REQ socket waits for a reply: its commands have the type 2");
+    }
     return command;
 }
 
-Command receive_command(zmq::socket_t& router, std::string& sender) {
-    const std::vector<std::string> frames = receive_frames(router);
-    if (!frames.empty()) {
-        sender = frames[0];
-    }
-    return parse_command(frames);
+Command receive_command(zmq::socket_t& router, Requester& sender) {
+    return parse_command(receive_frames(router), sender);
 }
 
-bool send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply) {
-    return send_frames(router, {receiver, reply.payload, std::to_string(reply.published_before)},
-                       zmq::send_flags::dontwait);
+bool send_reply(zmq::socket_t& router, const Requester& receiver, const Reply& reply) {
+    std::vector<std::string> frames{receiver.address};
+    if (receiver.is_req) {
+        frames.emplace_back();
+    }
+    frames.insert(frames.end(), {reply.payload, std::to_string(reply.published_before)});
+    return send_frames(router, frames, zmq::send_flags::dontwait);
 }
 
 bool publish(zmq::socket_t& publisher, const PublishedMessage& message, bool to_all_or_none) {

@@ -10,8 +10,8 @@
 /// The message exchange as it crosses the sockets of a run directory: the one place that knows endpoints and
 /// frames.
 ///
-/// A client's DEALER socket sends commands to the daemon's ROUTER socket and receives replies from it; a
-/// client's SUB socket receives what the daemon's XPUB socket publishes.
+/// A client's DEALER or REQ socket sends commands to the daemon's ROUTER socket and receives replies from it; a
+/// client's SUB socket receives what the daemon's XPUB socket publishes. docs/wire.md shows the frames.
 namespace cvex {
 
 /// The message type of a command whose sender waits for a direct reply.
@@ -73,18 +73,24 @@ void send_command(zmq::socket_t& dealer, const Command& command);
 Reply receive_reply(zmq::socket_t& dealer);
 PublishedMessage receive_published(zmq::socket_t& subscriber);
 
-/// The command that frames make: the address of the sender, name, type and payload. Throws
-/// std::invalid_argument, with the reason, for frames that are no command.
-Command parse_command(const std::vector<std::string>& frames);
+/// Where a reply goes.
+struct Requester {
+    std::string address;
+    /// A REQ socket begins its command with an empty frame, and drops a reply that does not begin with one.
+    bool is_req = false;
+};
 
-/// The daemon's side. `sender` is the address that a reply goes back to.
-/// Throws std::invalid_argument, with the reason, for frames that are no command; `sender` is set even then.
-Command receive_command(zmq::socket_t& router, std::string& sender);
+/// The command that frames make, the address of the sender in front, and who that is. Throws std::invalid_argument,
+/// with the reason, for frames that are no command; `sender` is set even then.
+Command parse_command(std::vector<std::string> frames, Requester& sender);
+
+/// As parse_command(), for the next frames that the daemon's socket has received.
+Command receive_command(zmq::socket_t& router, Requester& sender);
 
 /// The two below return at once. False when the message was not sent: to a requester that does not take its
 /// replies, or because a subscriber does not take what is published. Without `to_all_or_none` that
 /// subscriber alone misses the message, and the result is true.
-bool send_reply(zmq::socket_t& router, const std::string& receiver, const Reply& reply);
+bool send_reply(zmq::socket_t& router, const Requester& receiver, const Reply& reply);
 bool publish(zmq::socket_t& publisher, const PublishedMessage& message, bool to_all_or_none);
 
 } // namespace cvex

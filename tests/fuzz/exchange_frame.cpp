@@ -14,7 +14,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         frames.push_back(input.text(input.byte()));
     }
     try {
-        const cvex::Command command = cvex::parse_command(frames);
+        cvex::Requester sender;
+        const cvex::Command command = cvex::parse_command(frames, sender);
         const bool is_sound = frames.size() == 4 && command.name == frames[1] &&
                               command.payload == frames[3] && command.name.size() - 1 < cvex::name_limit &&
                               command.name.find('\0') == std::string::npos;
