@@ -57,6 +57,11 @@ def test_client_options(appliance, options, name):
     assert_one_line(run(appliance.cvex_command(*options)), 2, name)
 
 
+def test_all_missing_options_are_named(appliance):
+    assert_one_line(run([appliance.programs["cvcloudd"]]), 2, "--run-dir, --handler, --cloud-url are required")
+    assert_one_line(run([appliance.programs["cvex"], "start"]), 2, "--run-dir, --token are required")
+
+
 def test_run_directory_is_missing(appliance):
     assert_one_line(run([appliance.programs["cvex"], "retry"]), 2, "--run-dir")
 
