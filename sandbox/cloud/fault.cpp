@@ -5,6 +5,8 @@
 #include <charconv>
 #include <stdexcept>
 
+#include "common/nearest.h"
+
 namespace cloud {
 
 namespace {
@@ -52,6 +54,9 @@ constexpr std::array<KindDescription, 12> kinds{{
      "an answer of BYTES bytes; by default longer than cvcloudd takes"},
 }};
 
+/// The methods that the cloud knows.
+const std::vector<std::string> methods{"connect", "get_device_token", "register_box"};
+
 void check_number(const KindDescription& kind, const std::string& argument) {
     double number = 0;
     const char* const end = argument.data() + argument.size();
@@ -77,7 +82,11 @@ Fault parse_kind(const std::string& text) {
     const auto* const kind = std::find_if(
         kinds.begin(), kinds.end(), [&name](const KindDescription& known) { return name == known.name; });
     if (kind == kinds.end()) {
-        throw std::invalid_argument("no fault is called '" + name + "'");
+        std::vector<std::string> names;
+        for (const KindDescription& known : kinds) {
+            names.emplace_back(known.name);
+        }
+        throw std::invalid_argument("no fault is called '" + name + "'" + sandbox::nearest(name, names));
     }
     if (colon == std::string::npos) {
         if (kind->default_argument == nullptr) {
@@ -101,8 +110,9 @@ std::string describe_faults() {
     constexpr std::size_t column = 22;
     std::string text =
         "Faults, METHOD[*COUNT]=KIND[:ARGUMENT]: what happens to the next COUNT requests of METHOD "
-        "(all,\nwithout a count), behind earlier faults of the method; METHOD is the name that the "
-        "requests carry:\n";
+        "(all,\nwithout a count), behind earlier faults of the method; METHOD is connect, get_device_token "
+        "or "
+        "register_box:\n";
     for (const KindDescription& kind : kinds) {
         std::string form = std::string("  ") + kind.name + kind.shown_argument;
         form.resize(std::max(column, form.size() + 2), ' ');
@@ -119,8 +129,9 @@ void FaultPlan::add(const std::string& text) {
     const std::string head = text.substr(0, equals);
     const std::size_t star = head.find('*');
     Entry entry{head.substr(0, star), std::nullopt, parse_kind(text.substr(equals + 1))};
-    if (entry.method.empty()) {
-        throw std::invalid_argument("'" + text + "' names no method");
+    if (std::find(methods.begin(), methods.end(), entry.method) == methods.end()) {
+        throw std::invalid_argument("no method is called '" + entry.method + "'" +
+                                    sandbox::nearest(entry.method, methods));
     }
     if (star != std::string::npos) {
         unsigned count = 0;

@@ -191,7 +191,9 @@ def test_the_latest_thousand_requests_are_remembered(appliance):
 
 @pytest.mark.parametrize("fault, problem", [
     ("connect", "is not METHOD[*COUNT]=KIND[:ARGUMENT]"),
-    ("=drop", "names no method"),
+    ("=drop", "no method is called ''"),
+    ("conect*2=drop", "no method is called 'conect' (connect?)"),
+    ("connect=dorp", "no fault is called 'dorp' (drop?)"),
     ("connect*0=drop", "'0' is not a count of requests"),
     ("connect=gone", "no fault is called 'gone'"),
     ("connect=drop:now", "drop takes no argument"),
