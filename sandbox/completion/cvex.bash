@@ -30,7 +30,7 @@ _cvex() {
     fi
     if [[ ${path[*]} == settings\ [gs]et && $previous == "${path[1]}" && $current != -* ]]; then
         # The keys that --help names, and those of the store that the words before lead to.
-        keys=$(sed -nE 's/^  (\/[^ ]+)$/\1/p' <<<"$help"
+        keys=$(sed -nE 's/^  ([a-z_]+)$/\1/p' <<<"$help"
             "$program" "${COMP_WORDS[@]:1:COMP_CWORD-2}" list 2>/dev/null </dev/null | cut -d ' ' -f 1)
         mapfile -t COMPREPLY < <(compgen -W "$(sort -u <<<"$keys")" -- "$current")
         return 0

@@ -5,12 +5,15 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
+#include <limits>
 #include <memory>
 #include <optional>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 
 #include "common/json_text.h"
+#include "common/nearest.h"
 #include "common/printable.h"
 #include "cvutils/settings_file.h"
 
@@ -24,37 +27,53 @@ constexpr int exit_not_set = 1;
 
 enum class Type { integer, text };
 
-/// What the registration handler reads.
+const std::string registration = "/daemons/cvcloudd/registration/";
+
+/// What the registration handler reads below `registration`. An integer outside of its range has no use.
 struct Setting {
-    const char* key;
+    const char* name;
     Type type;
+    int least;
+    int greatest;
     const char* meaning;
 };
 
+constexpr int a_day = 86400;
+
 constexpr std::array settings_of_registration{
-    Setting{"/daemons/cvcloudd/registration/retry_num", Type::integer, "how often a step is tried again"},
-    Setting{"/daemons/cvcloudd/registration/retry_interval", Type::integer, "seconds between two tries"},
-    Setting{"/daemons/cvcloudd/registration/register_interface", Type::text,
-            "interface whose MAC address is registered"},
-    Setting{"/daemons/cvcloudd/registration/setup_type", Type::text, "set-up type told to the cloud"},
-    Setting{"/daemons/cvcloudd/registration/box_name", Type::text, "name told to the cloud"},
-    Setting{"/daemons/cvcloudd/registration/device_model", Type::text, "device model told to the cloud"},
+    Setting{"retry_num", Type::integer, 0, std::numeric_limits<int>::max() - 1,
+            "how often a step is tried again"},
+    Setting{"retry_interval", Type::integer, 0, a_day, "seconds between two tries"},
+    Setting{"register_interface", Type::text, 0, 0, "interface whose MAC address is registered"},
+    Setting{"setup_type", Type::text, 0, 0, "set-up type told to the cloud"},
+    Setting{"box_name", Type::text, 0, 0, "name told to the cloud"},
+    Setting{"device_model", Type::text, 0, 0, "device model told to the cloud"},
 };
 
 std::string describe_settings() {
-    std::string text = "Keys that the registration handler reads, and their types:\n";
+    std::string text =
+        "Keys that the registration handler reads, below " + registration + ", which may be left out:\n";
     for (const Setting& setting : settings_of_registration) {
-        text += std::string("  ") + setting.key + "\n      " +
-                (setting.type == Type::integer ? "integer" : "text") + ": " + setting.meaning + "\n";
+        const std::string type = setting.type == Type::integer ? "integer, " + std::to_string(setting.least) +
+                                                                     " to " + std::to_string(setting.greatest)
+                                                               : "text";
+        text += std::string("  ") + setting.name + "\n      " + type + ": " + setting.meaning + "\n";
     }
-    return text;
+    return text + "Key that the desk reads:\n  /network/interfaces/NAME/mac\n      text: MAC address of the "
+                  "interface NAME\n";
+}
+
+/// The registration's setting of a whole key; null for a key of others.
+const Setting* setting_of(const std::string& key) {
+    const auto* const found =
+        std::find_if(settings_of_registration.begin(), settings_of_registration.end(),
+                     [&](const Setting& candidate) { return key == registration + candidate.name; });
+    return found != settings_of_registration.end() ? found : nullptr;
 }
 
 /// The type that the registration handler, or the desk, reads the key as; nothing for the keys of others.
 std::optional<Type> type_of(const std::string& key) {
-    const auto* const setting = std::find_if(settings_of_registration.begin(), settings_of_registration.end(),
-                                             [&](const Setting& candidate) { return key == candidate.key; });
-    if (setting != settings_of_registration.end()) {
+    if (const Setting* const setting = setting_of(key)) {
         return setting->type;
     }
     const std::string interfaces = "/network/interfaces/";
@@ -63,6 +82,20 @@ std::optional<Type> type_of(const std::string& key) {
                             key.compare(0, interfaces.size(), interfaces) == 0 &&
                             key.compare(key.size() - address.size(), address.size(), address) == 0;
     return is_address ? std::optional(Type::text) : std::nullopt;
+}
+
+/// The whole key, also of one that stands without its beginning.
+std::string whole_key(const std::string& key) {
+    return setting_of(registration + key) != nullptr ? registration + key : key;
+}
+
+/// The known key that a mistyped one comes nearest to.
+std::string nearest_key(const std::string& key) {
+    std::vector<std::string> names;
+    for (const Setting& setting : settings_of_registration) {
+        names.push_back(key.find('/') == std::string::npos ? setting.name : registration + setting.name);
+    }
+    return sandbox::nearest(key, names);
 }
 
 std::optional<int> parse_int(const std::string& text) {
@@ -122,7 +155,8 @@ SettingsCommand::SettingsCommand(CLI::App& app, const std::string& client_run_di
     set_command = command->add_subcommand(
         "set", "Set a key; the file is replaced at once and whole, everything else in it stays");
     for (CLI::App* subcommand : {get_command, set_command}) {
-        subcommand->add_option("key", key, "Key, for example /daemons/cvcloudd/registration/retry_num")
+        subcommand->add_option("key", key, "Key, for example retry_num")
+            ->transform([](const std::string& given) { return whole_key(given); })
             ->type_name("")
             ->required();
     }
@@ -133,6 +167,7 @@ SettingsCommand::SettingsCommand(CLI::App& app, const std::string& client_run_di
         ->type_name("")
         ->required();
     set_command->add_flag("--text", as_text, "Store a text even if it reads as an integer");
+    set_command->add_flag("--force", is_forced, "Set a key that nothing here reads, or a value out of range");
     command->add_subcommand("list", "Print every key with its value");
 }
 
@@ -170,13 +205,34 @@ int SettingsCommand::get(const CLI::App& app) const {
     return 0;
 }
 
-int SettingsCommand::set(const CLI::App& app) const {
+std::string SettingsCommand::problem_of_change() const {
     const std::optional<Type> type = type_of(key);
     const std::optional<int> number = parse_int(value);
     if (type == Type::integer && (as_text || !number)) {
-        sandbox::print_problem(app, "\"" + key + "\" is an integer of 32 bits, not the text '" + value + "'");
+        return "\"" + key + "\" is an integer of 32 bits, not the text '" + value + "'";
+    }
+    if (is_forced) {
+        return {};
+    }
+    if (!type) {
+        return "nothing here reads the key \"" + key + "\"" + nearest_key(key) +
+               "; --force sets it all the same";
+    }
+    const Setting* const setting = setting_of(key);
+    if (type == Type::integer && (*number < setting->least || *number > setting->greatest)) {
+        return "\"" + key + "\" is from " + std::to_string(setting->least) + " to " +
+               std::to_string(setting->greatest) + ", not " + value + "; --force sets it all the same";
+    }
+    return {};
+}
+
+int SettingsCommand::set(const CLI::App& app) const {
+    if (const std::string problem = problem_of_change(); !problem.empty()) {
+        sandbox::print_problem(app, problem);
         return sandbox::exit_usage;
     }
+    const std::optional<Type> type = type_of(key);
+    const std::optional<int> number = parse_int(value);
     const ordered_json stored =
         number && !as_text && type != Type::text ? ordered_json(*number) : ordered_json(value);
     settings::set(file(), key, stored.dump(-1, ' ', false, ordered_json::error_handler_t::replace));

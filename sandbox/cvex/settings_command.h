@@ -24,6 +24,8 @@ private:
     std::string file() const;
     int get(const CLI::App& app) const;
     int set(const CLI::App& app) const;
+    /// What is wrong with the key and the value of set, with the next step; empty when nothing is.
+    std::string problem_of_change() const;
     int list(const CLI::App& app) const;
 
     const std::string& run_directory;
@@ -31,6 +33,7 @@ private:
     std::string key;
     std::string value;
     bool as_text = false;
+    bool is_forced = false;
     bool as_json = false;
     CLI::App* get_command;
     CLI::App* set_command;

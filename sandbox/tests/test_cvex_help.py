@@ -104,8 +104,7 @@ printf '%s\\n' "${{COMPREPLY[@]}}"
     (["cvdesk", "--token-type", "p"], ["partner"]),
     (["cvdesk", "--verb"], ["--verbose"]),
     (["cvdesk", "--scenario", "partner-"], ["partner-token"]),
-    (["cvex", "settings", "get", "/daemons/cvcloudd/registration/retry_"],
-     ["/daemons/cvcloudd/registration/retry_num", "/daemons/cvcloudd/registration/retry_interval"]),
+    (["cvex", "settings", "get", "retry_"], ["retry_num", "retry_interval"]),
     (["cvex", "settings", "--file", "a_file", "set", "/network"], ["/network/interfaces/eth7/mac"]),
     (["cvex", "settings", "--file", "a_file", "set", "/network/interfaces/eth7/mac", ""], []),
 ])

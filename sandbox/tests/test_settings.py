@@ -59,7 +59,7 @@ def assert_one_line(result, exit_code, *parts):
 ])
 def test_set_changes_the_value_and_nothing_else(store, before, arguments, after):
     store.write(before)
-    result = store.run("set", *arguments)
+    result = store.run("set", "--force", *arguments)
     assert (result.returncode, result.stdout, result.stderr) == (0, "", "")
     assert store.read() == after
     json.loads(after)
@@ -92,6 +92,29 @@ def test_a_known_key_takes_only_its_type(store, arguments):
     assert store.read() == "{}"
 
 
+def test_a_key_of_the_registration_needs_only_its_name(store):
+    store.write("{}")
+    assert store.run("set", "retry_num", "5").returncode == 0
+    assert store.run("get", "retry_num").stdout == "5\n"
+    assert json.loads(store.read()) == {RETRIES: 5}
+
+
+@pytest.mark.parametrize("key, value, meant", [
+    ("retry_nmu", "5", "(retry_num?)"),
+    (RETRIES.replace("retry_num", "rety_num"), "5", f"({RETRIES}?)"),
+    ("colour", "red", 'the key "colour"; '),
+    ("retry_num", "-1", "0 to 2147483646"),
+    ("retry_num", "2147483647", "0 to 2147483646"),
+    ("retry_interval", "86401", "0 to 86400"),
+])
+def test_an_unknown_key_or_a_value_out_of_range_needs_force(store, key, value, meant):
+    store.write("{}")
+    assert_one_line(store.run("set", key, "--", value), 2, meant, "--force")
+    assert store.read() == "{}"
+    assert store.run("set", "--force", key, "--", value).returncode == 0
+    assert json.loads(store.read()) != {}
+
+
 @pytest.mark.parametrize("text, place, wanted", [
     ('{\n    "%s": "3"\n}' % RETRIES, "2:%d" % (len(RETRIES) + 9), "an integer"),
     ('{"ü": 1, "%s": 2147483648}' % RETRIES, "1:%d" % (len(RETRIES) + 14), "an integer"),
@@ -121,24 +144,24 @@ def test_other_types_are_reported_for_unknown_keys_too(store):
 ])
 def test_a_file_that_is_not_a_store_is_reported_with_its_place(store, text, place):
     store.write(text)
-    for arguments in (["get", "a"], ["set", "a", "1"], ["list"]):
+    for arguments in (["get", "a"], ["set", RETRIES, "1"], ["list"]):
         assert_one_line(store.run(*arguments), 2, f"{store.file}:{place}")
     assert store.read() == text
 
 
 def test_a_file_that_cannot_be_read(store, appliance):
-    for arguments in (["get", "a"], ["set", "a", "1"], ["list"]):
+    for arguments in (["get", "a"], ["set", RETRIES, "1"], ["list"]):
         assert_one_line(store.run(*arguments), 2, store.file, "No such file or directory")
         assert_one_line(store.run("--file", appliance.run_directory, *arguments), 2, appliance.run_directory)
     store.file.symlink_to(store.file.name)
-    for arguments in (["get", "a"], ["set", "a", "1"], ["list"]):
+    for arguments in (["get", "a"], ["set", RETRIES, "1"], ["list"]):
         assert_one_line(store.run(*arguments), 2, store.file, "cannot be read: Too many levels of symbolic links")
 
 
 def test_a_failed_replacement_leaves_the_old_file_and_nothing_else(store, appliance):
     store.write("{}")
     # No file may grow beyond one byte; Python ignores the signal of that, and so does what it starts.
-    result = subprocess.run(["prlimit", "--fsize=1", *appliance.cvex_command("settings", "set", "a", "1")],
+    result = subprocess.run(["prlimit", "--fsize=1", *appliance.cvex_command("settings", "set", RETRIES, "1")],
                             stdin=subprocess.DEVNULL, capture_output=True, encoding="utf-8", check=False, timeout=60,
                             restore_signals=False)
     assert_one_line(result, 2, store.file, "File too large")
@@ -151,17 +174,17 @@ def test_the_file_keeps_its_mode_and_a_link_stays_one(store, appliance):
     store.file.chmod(0o640)
     link = appliance.run_directory / "link.json"
     link.symlink_to(store.file.name)
-    assert store.run("--file", link, "set", "a", "1").returncode == 0
+    assert store.run("--file", link, "set", RETRIES, "1").returncode == 0
     assert link.is_symlink()
     assert stat.S_IMODE(store.file.stat().st_mode) == 0o640
-    assert json.loads(store.read()) == {"a": 1}
+    assert json.loads(store.read()) == {RETRIES: 1}
     assert sorted(os.listdir(appliance.run_directory)) == ["link.json", "settings.json"]
 
 
 def test_no_writer_undoes_another(store):
     store.write("{}")
     with ThreadPoolExecutor(8) as clients:
-        results = list(clients.map(lambda number: store.run("set", f"k{number}", number), range(40)))
+        results = list(clients.map(lambda number: store.run("set", "--force", f"k{number}", number), range(40)))
     assert {result.returncode for result in results} == {0}
     assert json.loads(store.read()) == {f"k{number}": number for number in range(40)}
 
