@@ -8,144 +8,13 @@
 #include "common/json_text.h"
 #include "common/printable.h"
 #include "cvex/timeline.h"
+#include "embedded.h"
 
 namespace cvex {
 
 namespace {
 
 using nlohmann::ordered_json;
-
-constexpr const char* style = R"css(
-:root {
-    color-scheme: light dark;
-    --paper: #fdfcfa; --panel: #f5f3ee; --ink: #22262b; --muted: #656a71; --rule: #d9d5cc;
-    --accent: #1d5fae; --good: #1b7a4b; --bad: #bd2f28; --wait: #a9c1e0; --pause: #e5b657;
-}
-@media (prefers-color-scheme: dark) {
-    :root {
-        --paper: #15181b; --panel: #1c2024; --ink: #e8e5df; --muted: #9ba1a8; --rule: #383e45;
-        --accent: #82b5f7; --good: #62c892; --bad: #ff8a80; --wait: #48678f; --pause: #b0812a;
-    }
-}
-* { box-sizing: border-box; }
-body {
-    margin: 0; height: 100vh; display: grid; grid-template: auto 1fr / minmax(0, 1fr) minmax(18rem, 25%);
-    background: var(--paper); color: var(--ink);
-    font: 15px/1.5 system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif;
-}
-header { grid-column: 1 / -1; padding: 1.1rem 1.6rem 0.9rem; border-bottom: 1px solid var(--rule); }
-h1 { margin: 0; font-size: 1.3rem; font-weight: 650; letter-spacing: -0.01em; }
-header p { margin: 0.1rem 0 0; color: var(--muted); }
-ul.legend { margin: 0.7rem 0 0; padding: 0; list-style: none; display: flex; flex-wrap: wrap; gap: 0.3rem 1.6rem;
-    font-size: 13px; color: var(--muted); }
-ul.legend li { display: flex; align-items: center; gap: 0.5rem; }
-ul.legend svg { display: block; }
-main { overflow: auto; padding: 0 1.2rem 2rem; scroll-padding: 70px 0 30px; }
-svg { display: block; font-family: ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
-svg.head { position: sticky; top: 0; z-index: 1; background: var(--paper); }
-svg.head text { font: 650 15px system-ui, "Segoe UI", Roboto, "DejaVu Sans", sans-serif; fill: var(--ink); }
-svg.head rect { fill: var(--panel); stroke: var(--rule); }
-text { font-size: 13px; fill: var(--ink); }
-.lane { stroke: var(--rule); stroke-width: 1.5; }
-.time, .length { text-anchor: end; fill: var(--muted); font-size: 12px; font-variant-numeric: tabular-nums; }
-.unit { text-anchor: end; }
-svg.head .unit { font-weight: 400; font-size: 12px; fill: var(--muted); }
-.axis { stroke: var(--muted); stroke-width: 1.5; fill: none; }
-.stretched { stroke-dasharray: 1.5 4; }
-.waiting { fill: var(--wait); }
-.pause { fill: var(--pause); }
-.message { color: var(--accent); cursor: pointer; outline: none; }
-.message.command { color: var(--ink); }
-.message.answer, .message.done { color: var(--good); }
-.message.failed { color: var(--bad); }
-.message text { text-anchor: middle; fill: currentColor; }
-.message .arrow { stroke: currentColor; stroke-width: 1.6; fill: none; }
-.message .tip, .message .passing { fill: currentColor; }
-.message.published .arrow { stroke-dasharray: 6 4; }
-.message .cross { stroke: currentColor; stroke-width: 2; fill: none; }
-.message .hit { fill: transparent; rx: 6; }
-.message:hover .hit { fill: color-mix(in srgb, currentColor 9%, transparent); }
-.message[aria-pressed="true"] .hit { fill: color-mix(in srgb, currentColor 14%, transparent); }
-.message:focus-visible .hit { stroke: currentColor; stroke-width: 2; }
-aside { overflow: auto; padding: 1.2rem 1.6rem; background: var(--panel); border-left: 1px solid var(--rule); }
-aside h2 { margin: 0; font-size: 1.05rem; overflow-wrap: anywhere; }
-aside h3 { margin: 1.2rem 0 0.3rem; font-size: 12px; font-weight: 600; color: var(--muted);
-    text-transform: uppercase; letter-spacing: 0.06em; }
-aside p { margin: 0.3rem 0 0; color: var(--muted); overflow-wrap: anywhere; }
-pre { margin: 0; padding: 0.7rem 0.9rem; background: var(--paper); border: 1px solid var(--rule); border-radius: 6px;
-    font: 12.5px/1.55 ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace;
-    white-space: pre-wrap; overflow-wrap: anywhere; }
-details { margin-top: 1.5rem; }
-summary { cursor: pointer; color: var(--muted); }
-table { border-collapse: collapse; margin-top: 0.6rem;
-    font: 12.5px/1.5 ui-monospace, "SF Mono", Menlo, Consolas, "DejaVu Sans Mono", monospace; }
-th { text-align: left; font-weight: 600; color: var(--muted); }
-th, td { padding: 0.1rem 1rem 0.1rem 0; vertical-align: top; white-space: nowrap; }
-td:last-child { white-space: normal; overflow-wrap: anywhere; }
-td:first-child { text-align: right; font-variant-numeric: tabular-nums; color: var(--muted); }
-@media (max-width: 900px) {
-    body { grid-template: auto 1fr 40vh / minmax(0, 1fr); }
-    aside { border-left: none; border-top: 1px solid var(--rule); }
-}
-@media print { body { display: block; height: auto; } main, aside { overflow: visible; } }
-)css";
-
-constexpr const char* script = R"js(
-"use strict";
-const details = JSON.parse(document.getElementById("details").textContent);
-const messages = [...document.querySelectorAll("svg.diagram .message")];
-const panel = document.querySelector("aside");
-let chosen = null;
-
-function element(name, text) {
-    const made = document.createElement(name);
-    made.textContent = text;
-    return made;
-}
-
-function show(message) {
-    const detail = details[messages.indexOf(message)];
-    panel.replaceChildren(element("h2", detail.label), element("p", detail.place));
-    if (detail.explanation) {
-        panel.append(element("p", detail.explanation));
-    }
-    for (const [title, text] of detail.documents) {
-        panel.append(element("h3", title), element("pre", text));
-    }
-}
-
-function choose(message) {
-    for (const other of messages) {
-        other.setAttribute("aria-pressed", other === message);
-        other.setAttribute("tabindex", other === message ? "0" : "-1");
-    }
-    chosen = message;
-    show(message);
-}
-
-function step(message, key) {
-    const index = messages.indexOf(message);
-    return { ArrowDown: messages[index + 1], ArrowUp: messages[index - 1],
-             Home: messages[0], End: messages[messages.length - 1] }[key];
-}
-
-for (const message of messages) {
-    message.addEventListener("pointerenter", () => show(message));
-    message.addEventListener("pointerleave", () => show(chosen));
-    message.addEventListener("click", () => choose(message));
-    message.addEventListener("focus", () => choose(message));
-    message.addEventListener("keydown", event => {
-        const next = step(message, event.key);
-        if (next) {
-            event.preventDefault();
-            next.focus();
-        }
-    });
-}
-if (messages.length > 0) {
-    choose(messages[0]);
-}
-)js";
 
 // All lengths are in CSS pixels.
 
@@ -543,7 +412,7 @@ std::string timeline_page(const Timeline& timeline) {
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
            "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
            "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n<title>" +
-           title + "</title>\n<style>" + style + "</style>\n</head>\n<body>\n<header>\n<h1>" + title +
+           title + "</title>\n<style>\n" + std::string(embedded::timeline_css) + "</style>\n</head>\n<body>\n<header>\n<h1>" + title +
            "</h1>\n<p>" + describe_duration(timeline.end) + ", " +
            count_of(timeline.messages.size(), "message") + ", " + std::to_string(failed) +
            " failed. The daemon carries each message; a request's arrow is drawn straight to the "
@@ -552,7 +421,7 @@ std::string timeline_page(const Timeline& timeline) {
            draw_log(timeline.record) + "</main>\n<aside aria-live=\"polite\"><p>" +
            (timeline.messages.empty() ? "Nothing crossed the handlers' boundary." : "") +
            "</p></aside>\n<script type=\"application/json\" id=\"details\">" + details_of(timeline) +
-           "</script>\n<script>" + script + "</script>\n</body>\n</html>\n";
+           "</script>\n<script>\n" + std::string(embedded::timeline_js) + "</script>\n</body>\n</html>\n";
 }
 
 } // namespace cvex
