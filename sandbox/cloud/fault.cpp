@@ -29,9 +29,9 @@ struct KindDescription {
 };
 
 constexpr std::array<KindDescription, 12> kinds{{
-    {"error", FaultKind::error, Argument::text, "out of order", 0, 0, false, "[:TEXT]",
+    {"error", FaultKind::error, Argument::text, "simulated failure", 0, 0, false, "[:TEXT]",
      "an error document, TEXT at error.data.message"},
-    {"error-plain", FaultKind::error_plain, Argument::text, "out of order", 0, 0, false, "[:TEXT]",
+    {"error-plain", FaultKind::error_plain, Argument::text, "simulated failure", 0, 0, false, "[:TEXT]",
      "an error document, TEXT at error.message"},
     {"error-number", FaultKind::error_number, Argument::none, "", 0, 0, false, "",
      "an error document, a number at error.data.message"},

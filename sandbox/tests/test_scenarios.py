@@ -105,7 +105,7 @@ def test_a_scenario_tells_what_happens(tmp_path):
     lines = result.stdout.splitlines()
     assert lines[0].startswith("scenario           login-exhausted-then-resumed: ")
     assert lines[-1] == "passed             8 requests, 1 messages published"
-    assert sum("connect/login connect: fault error:out of order" in line for line in lines) == 5
+    assert sum("connect/login connect: fault error:simulated failure" in line for line in lines) == 5
     assert (tmp_path / "kept" / "record.jsonl").stat().st_size > 0
 
 
