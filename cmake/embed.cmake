@@ -9,11 +9,11 @@ function(cv_embed target)
         file(READ "${path}" text)
         string(APPEND texts "inline constexpr std::string_view ${name} = R\"embedded(${text})embedded\";\n")
     endforeach()
-    file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/embedded/embedded.h" @ONLY CONTENT
+    file(CONFIGURE OUTPUT "${CMAKE_CURRENT_BINARY_DIR}/embedded/${target}/embedded.h" @ONLY CONTENT
 "#pragma once
 #include <string_view>
 namespace embedded {
 @texts@} // namespace embedded
 ")
-    target_include_directories(${target} PRIVATE "${CMAKE_CURRENT_BINARY_DIR}/embedded")
+    target_include_directories(${target} PRIVATE "${CMAKE_CURRENT_BINARY_DIR}/embedded/${target}")
 endfunction()

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <memory>
 #include <optional>
@@ -21,6 +22,7 @@
 
 #include "common/command_line.h"
 #include "common/handler_library.h"
+#include "common/json_text.h"
 #include "common/process.h"
 #include "cvcloudd/daemon_cloud.h"
 #include "cvcloudd/exchange.h"
@@ -39,6 +41,7 @@ struct Options {
     std::vector<std::string> handlers;
     std::string settings_file;
     std::string record_file;
+    std::string record_title;
     double request_timeout_seconds = 10;
     int log_level = 2;
     bool deliver_unknown = false;
@@ -192,30 +195,33 @@ std::string set_log_level(const std::string& payload) {
     return R"({"result": "ok", "log_level": )" + payload + "}";
 }
 
-std::string describe_status(const Handlers& handlers, const Activity& activity) {
+std::string describe_status(const Options& options, const Handlers& handlers, const Activity& activity) {
     const auto seconds =
         std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - daemon_start);
     const nlohmann::ordered_json status{
+        {"result", "ok"},
+        {"version", CV_VERSION},
         {"pid", getpid()},
         {"seconds", seconds.count()},
         {"log_level", __atomic_load_n(&cv::log::current_level, __ATOMIC_RELAXED)},
+        {"cloud", options.cloud.url},
+        {"settings",
+         options.settings_file.empty() ? "" : std::filesystem::absolute(options.settings_file).string()},
         {"handlers", handlers.describe()},
         {"registration", activity.registration()},
         {"last_result", activity.last_result()}};
-    // With the beginning that every reply of a success has.
-    return R"({"result": "ok", )" +
-           status.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).substr(1);
+    return sandbox::json_line(status);
 }
 
-void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange& exchange,
-             Recorder& recorder) {
+void deliver(const ReceivedCommand& received, const Options& options, const Handlers& handlers,
+             Exchange& exchange, Recorder& recorder) {
     const cvex::Command& command = received.command;
     if (command.name == cvex::log_level_command) {
         exchange.reply(received.request_id, set_log_level(command.payload));
         return;
     }
     if (command.name == cvex::status_command) {
-        exchange.reply(received.request_id, describe_status(handlers, exchange.activity()));
+        exchange.reply(received.request_id, describe_status(options, handlers, exchange.activity()));
         return;
     }
     cv::log::learn_tokens(command.payload);
@@ -238,7 +244,8 @@ void deliver(const ReceivedCommand& received, const Handlers& handlers, Exchange
 }
 
 /// The dispatch thread: one command at a time, until a stop signal.
-void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchange, Recorder& recorder) {
+void dispatch(const StopSignal& stop, const Options& options, const Handlers& handlers, Exchange& exchange,
+              Recorder& recorder) {
     for (;;) {
         pollfd descriptors[] = {{stop.fd(), POLLIN, 0}, {exchange.commands().fd(), POLLIN, 0}};
         if (poll(descriptors, 2, -1) == -1 && errno != EINTR) {
@@ -248,7 +255,7 @@ void dispatch(const StopSignal& stop, const Handlers& handlers, Exchange& exchan
             return;
         }
         if (const auto received = exchange.commands().take()) {
-            deliver(*received, handlers, exchange, recorder);
+            deliver(*received, options, handlers, exchange, recorder);
         }
     }
 }
@@ -263,7 +270,7 @@ void serve(const Options& options) {
         }
     }
 
-    Recorder recorder(options.record_file);
+    Recorder recorder(options.record_file, options.record_title);
     Exchange exchange(options.run_directory);
     DaemonCloud cloud(options.cloud, options.refusals, exchange, recorder);
     Handlers handlers(cloud, options.deliver_unknown);
@@ -273,7 +280,7 @@ void serve(const Options& options) {
     start_guard.reset();
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
-    dispatch(stop, handlers, exchange, recorder);
+    dispatch(stop, options, handlers, exchange, recorder);
 
     log_line(2, "stopping");
     // What a handler replies while it ends is still sent: the exchange goes last.
@@ -324,6 +331,9 @@ int main(int argc, char** argv) {
            "Keep a record of what crosses the handlers' boundary in this file, which is replaced; cvex "
            "timeline draws it [default: none]")
         ->type_name("FILE");
+    app.add_option("--record-title", options.record_title,
+                   "What the run is, for the record's page [default: none]")
+        ->type_name("TEXT");
     app.add_option(
            "--refuse", options.refusals,
            "Refuse the handlers' next COUNT calls of an operation, all without a count: build or request "

@@ -4,6 +4,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/cloud_answer.h"
+#include "common/json_text.h"
 #include "cvcloudd/log_line.h"
 #include "cvex/wire.h"
 #include "cvutils_control.h"
@@ -23,8 +25,7 @@ ordered_json progress(const char* event, const CloudRequest& request) {
 }
 
 void publish_progress(Exchange& exchange, const ordered_json& document) {
-    exchange.publish(cvex::progress_message,
-                     document.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
+    exchange.publish(cvex::progress_message, sandbox::json_line(document));
 }
 
 } // namespace
@@ -105,8 +106,10 @@ void DaemonCloud::request_ended(const CloudRequest& request) {
         exchange.activity().request_ended(request.failure);
         ordered_json ended = progress("ended", request);
         ended["status"] = request.status;
-        if (request.status != 0) {
-            ended["error"] = request.failure;
+        const std::string error =
+            request.status != 0 ? request.failure : sandbox::problem_of_answer(request.response);
+        if (!error.empty()) {
+            ended["error"] = error;
         }
         publish_progress(exchange, ended);
     }

@@ -14,6 +14,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "common/json_text.h"
 #include "cvcloudd/log_line.h"
 
 namespace cvcloudd {
@@ -62,9 +63,8 @@ extern "C" int accept4(int socket, sockaddr* address, socklen_t* length, int fla
 }
 
 std::string error_reply(const std::string& result, const std::string& reason) {
-    using nlohmann::json;
-    return R"({"result": ")" + result + R"(", "reason": )" +
-           json(reason).dump(-1, ' ', false, json::error_handler_t::replace) + "}";
+    const nlohmann::ordered_json reply{{"result", result}, {"reason", reason}};
+    return sandbox::json_line(reply);
 }
 
 Exchange::DirectoryLock::DirectoryLock(const std::string& run_directory) {

@@ -62,10 +62,14 @@ std::string request_method(const ordered_json& request) {
 
 } // namespace
 
-Recorder::Recorder(const std::string& path)
+Recorder::Recorder(const std::string& path, const std::string& title)
     : file(path), dispatch_thread(std::this_thread::get_id()), start(std::chrono::steady_clock::now()) {
     if (path.empty()) {
         return;
+    }
+    ordered_json head{{"record", "cvcloudd 1"}, {"started", utc_now()}};
+    if (!title.empty()) {
+        head["title"] = title;
     }
     // Neither a link that somebody else has put there, nor a file that somebody else can read.
     descriptor = open(path.c_str(), O_WRONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
@@ -75,7 +79,7 @@ Recorder::Recorder(const std::string& path)
         errno = ENODEV;
     }
     if (!is_file || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 ||
-        !write_line({{"record", "cvcloudd 1"}, {"started", utc_now()}})) {
+        !write_line(head)) {
         const std::string reason = std::strerror(errno);
         if (descriptor != -1) {
             close(descriptor);

@@ -17,10 +17,10 @@ namespace cvcloudd {
 /// Keeps everything that crosses the boundary of the handlers in one file, a JSON object per line; cvex
 /// timeline draws it.
 ///
-/// The first line is {"record": "cvcloudd 1", "started": ...}, with the daemon's start in UTC. Each further
-/// line has "time" (seconds since the start by the monotonic clock, never falling from line to line),
-/// "thread" ("dispatch", "callback", "exchange", or "worker" for a thread of a handler that has no name of
-/// its own), "event", and the members of the event:
+/// The first line is {"record": "cvcloudd 1", "started": ..., "title": ...}, with the daemon's start in UTC
+/// and, where one was given, the title of the run. Each further line has "time" (seconds since the start by
+/// the monotonic clock, never falling from line to line), "thread" ("dispatch", "callback", "exchange", or
+/// "worker" for a thread of a handler that has no name of its own), "event", and the members of the event:
 ///
 ///     command   request_id, name, type (2 wants a reply), payload   just before the handler gets it
 ///     build     request (its number), method, params, connect_fields
@@ -38,10 +38,11 @@ namespace cvcloudd {
 /// Any thread may call the operations. Each line is written at once and whole.
 class Recorder {
 public:
-    /// Starts a record for the calling thread, which is the dispatch thread, in the file at `path`, which is
-    /// replaced. An empty path records nothing. Throws std::runtime_error when the file cannot be written.
-    /// No other thread logs while the recorder is made or destroyed.
-    explicit Recorder(const std::string& path);
+    /// Starts a record, with a title unless that is empty, for the calling thread, which is the dispatch
+    /// thread, in the file at `path`, which is replaced. An empty path records nothing. Throws
+    /// std::runtime_error when the file cannot be written. No other thread logs while the recorder is made or
+    /// destroyed.
+    Recorder(const std::string& path, const std::string& title);
     ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;

@@ -8,8 +8,10 @@
 #include <iterator>
 #include <memory>
 #include <optional>
+#include <regex>
 #include <set>
 #include <string>
+#include <vector>
 
 #include <nlohmann/json.hpp>
 #include <unistd.h>
@@ -18,7 +20,10 @@
 #include "common/json_text.h"
 #include "common/printable.h"
 #include "common/process.h"
+#include "cvex/catalogue.h"
 #include "cvex/client.h"
+#include "cvex/doctor.h"
+#include "cvex/explain.h"
 #include "cvex/reply.h"
 #include "cvex/settings_command.h"
 #include "cvex/steps.h"
@@ -27,6 +32,7 @@
 namespace {
 
 using nlohmann::json;
+using sandbox::text_member;
 
 enum ExitCode : int {
     exit_ok = 0,
@@ -62,20 +68,15 @@ struct Options {
     int log_level = 0;
     double timeout_seconds = 60;
     std::optional<double> listen_seconds;
+    std::vector<std::string> listen_names;
+    std::size_t listen_count = 0;
     bool as_json = false;
     bool no_reply = false;
     bool with_log = false;
     bool is_raw = false;
+    bool masks_tokens = false;
+    bool watches = false;
 };
-
-/// The text of a member; empty when the document has no such text.
-std::string text_member(const json& document, const char* key) {
-    if (!document.is_object()) {
-        return {};
-    }
-    const auto member = document.find(key);
-    return member != document.end() && member->is_string() ? member->get<std::string>() : std::string();
-}
 
 std::chrono::steady_clock::duration to_duration(double seconds) {
     return std::chrono::duration_cast<std::chrono::steady_clock::duration>(
@@ -100,11 +101,11 @@ std::string describe_failure(const std::string& command, const std::string& repl
     const auto [result, reason] = cvex::read_reply(reply);
     std::string text = command + (outcome == exit_refused ? " was refused: " : " failed: ");
     text += result.empty() ? "the reply is \"" + reply + "\"" : result + ": " + reason;
-    if (outcome == exit_failed) {
-        text += (last_error.empty() ? "" : " (" + last_error + ")") +
-                "; correct the cause, then start again or resume with cvex retry";
+    if (outcome == exit_failed && !last_error.empty()) {
+        text += " (" + last_error + ")";
     }
-    return text;
+    const std::optional<cvex::Advice> advice = cvex::advice_for_reply(result, reason);
+    return text + (advice && !advice->action.empty() ? "; what to do: " + advice->action : "");
 }
 
 /// How a conversation is shown: the reply as it came, with the steps to it for a person, or put into words.
@@ -140,7 +141,7 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
                 continue;
             }
             if (steps) {
-                steps->end("");
+                steps->finish("", "");
             }
             sandbox::print_problem(
                 app, "no reply to " + command.name +
@@ -156,7 +157,8 @@ int converse(const CLI::App& app, const Options& options, const cvex::Command& c
         const std::string& reply = std::get<cvex::Reply>(event).payload;
         const ExitCode outcome = outcome_of(reply);
         if (steps) {
-            steps->end(outcome == exit_ok ? sandbox::printable_on(STDOUT_FILENO, reply) : "");
+            steps->finish(outcome == exit_ok ? sandbox::printable_on(STDOUT_FILENO, reply) : "",
+                          cvex::read_reply(reply).reason);
             if (outcome != exit_ok) {
                 sandbox::print_problem(app,
                                        describe_failure(command.name, reply, outcome, steps->last_error));
@@ -284,9 +286,43 @@ void print_status(const json& status) {
     print_row("last result", last.is_null() ? "none yet" : text_member(last, "command") + ": " + outcome);
 }
 
+int watch_status(const Options& options);
+
 int show_status(const CLI::App& app, const Options& options) {
+    if (options.watches) {
+        return watch_status(options);
+    }
     const cvex::Command command{cvex::type_wants_reply, cvex::status_command, ""};
     return converse(app, options, command, options.as_json ? Form::reply : Form::status);
+}
+
+/// Shows the status again whenever something is published, and every second on a terminal, until interrupted.
+int watch_status(const Options& options) {
+    using Clock = std::chrono::steady_clock;
+    const bool is_terminal = isatty(STDOUT_FILENO) != 0;
+    cvex::Client client(options.run_directory);
+    std::string shown;
+    for (;;) {
+        client.send({cvex::type_wants_reply, cvex::status_command, ""});
+        cvex::Event event;
+        do {
+            event = client.wait(Clock::now() + to_duration(options.timeout_seconds));
+        } while (std::holds_alternative<cvex::PublishedMessage>(event));
+        if (std::holds_alternative<cvex::TimedOut>(event)) {
+            return exit_timed_out;
+        }
+        const std::string& reply = std::get<cvex::Reply>(event).payload;
+        static const std::regex times(R"("seconds": [^,}]+)");
+        const std::string news = std::regex_replace(reply, times, "");
+        if (is_terminal && !options.as_json) {
+            std::printf("\033[H\033[J");
+            print_status(sandbox::parse_json<json>(reply));
+        } else if (news != shown) {
+            shown = news;
+            options.as_json ? sandbox::print_line(reply) : print_status(sandbox::parse_json<json>(reply));
+        }
+        event = client.wait(Clock::now() + std::chrono::seconds(1));
+    }
 }
 
 int set_log_level(const CLI::App& app, const Options& options) {
@@ -301,22 +337,50 @@ int listen(const Options& options) {
     using Clock = std::chrono::steady_clock;
     const auto end = options.listen_seconds ? Clock::now() + to_duration(*options.listen_seconds)
                                             : Clock::time_point::max();
-    while (Clock::now() < end) {
+    const std::vector<std::string>& names = options.listen_names;
+    for (std::size_t count = 0;
+         Clock::now() < end && (options.listen_count == 0 || count < options.listen_count);) {
         const cvex::Event event = client.wait(std::min(end, Clock::now() + std::chrono::hours(1)));
         const auto* message = std::get_if<cvex::PublishedMessage>(&event);
         if (const std::uint64_t lost = client.take_lost(); lost > 0) {
             std::fprintf(stderr, "cvex: %llu messages were lost: they came faster than they were read\n",
                          static_cast<unsigned long long>(lost));
         }
-        if (message == nullptr || message->name == cvex::subscribed_message) {
+        if (message == nullptr || message->name == cvex::subscribed_message ||
+            (!names.empty() && std::find(names.begin(), names.end(), message->name) == names.end())) {
             continue;
         }
+        ++count;
         if (options.as_json) {
             const json line{{"name", message->name}, {"payload", message->payload}};
-            sandbox::print_line(line.dump(-1, ' ', false, json::error_handler_t::replace));
+            sandbox::print_line(sandbox::json_line(line));
         } else {
             std::puts(sandbox::printable_on(STDOUT_FILENO, message->name + " " + message->payload).c_str());
         }
+    }
+    return exit_ok;
+}
+
+int examine(const Options& options) {
+    const auto timeout =
+        std::chrono::ceil<std::chrono::milliseconds>(std::chrono::duration<double>(options.timeout_seconds));
+    return cvex::examine(options.run_directory, timeout) ? exit_ok : exit_failed;
+}
+
+int explain_file(const CLI::App& app, const Options& options) {
+    std::ifstream file;
+    if (options.record_file != "-") {
+        file.open(options.record_file);
+        if (!file || file.peek() == std::ifstream::traits_type::eof()) {
+            sandbox::print_problem(app, options.record_file + " cannot be read, or is empty");
+            return sandbox::exit_usage;
+        }
+    }
+    std::istream& input = options.record_file == "-" ? std::cin : file;
+    if (options.masks_tokens) {
+        cvex::mask_tokens(input, std::cout);
+    } else {
+        cvex::explain(input, std::cout);
     }
     return exit_ok;
 }
@@ -405,6 +469,12 @@ int main(int argc, char** argv) {
         ->add_option("--timeout", options.listen_seconds, "How long to listen [default: until interrupted]")
         ->check(a_day_at_most)
         ->type_name("SECONDS");
+    listen_command->add_option("name", options.listen_names, "Names of messages to print [default: all]")
+        ->type_name("");
+    listen_command
+        ->add_option("--count", options.listen_count, "End after so many messages [default: no end]")
+        ->check(CLI::PositiveNumber.description(""))
+        ->type_name("COUNT");
     listen_command->add_flag("--json", options.as_json,
                              "Print each message as one line {\"name\": ..., \"payload\": ...}");
 
@@ -428,6 +498,8 @@ int main(int argc, char** argv) {
         "mandatory, commands), registration (state idle, request, pause or unknown; "
         "command, step, try, error, seconds), last_result (command, result, reason; or command, reply when "
         "that has no result)");
+    status_command->add_flag("--watch", options.watches,
+                             "Show it again when something happens, until interrupted");
     add_timeout(*status_command, options);
 
     CLI::App* log_level_command =
@@ -455,6 +527,22 @@ int main(int argc, char** argv) {
     timeline_command->add_flag("--log", options.with_log,
                                "Show the log's lines too; the page always has them");
     timeline_command->preparse_callback([run_directory](std::size_t) { run_directory->required(false); });
+
+    CLI::App* explain_command = app.add_subcommand(
+        "explain", "Say what a log or a record of the daemon means and what to do; no daemon is needed");
+    explain_command
+        ->add_option("file", options.record_file, "File of the log or record; - reads the standard input")
+        ->type_name("")
+        ->required();
+    explain_command->add_flag("--mask", options.masks_tokens,
+                              "Print the file with *** in place of its tokens instead, to be sent to others");
+    explain_command->preparse_callback([run_directory](std::size_t) { run_directory->required(false); });
+
+    CLI::App* doctor_command = app.add_subcommand(
+        "doctor",
+        "Look at what a registration needs and say what to do where something is missing: run directory, "
+        "daemon, handler, cloud, interface, clock");
+    add_timeout(*doctor_command, options);
 
     const cvex::SettingsCommand settings_command(app, options.run_directory);
     settings_command.command->preparse_callback(
@@ -488,6 +576,12 @@ int main(int argc, char** argv) {
         }
         if (timeline_command->parsed()) {
             return draw_timeline(app, options);
+        }
+        if (doctor_command->parsed()) {
+            return examine(options);
+        }
+        if (explain_command->parsed()) {
+            return explain_file(app, options);
         }
         return send(app, options);
     } catch (const cvex::NoDaemon& error) {

@@ -4,17 +4,17 @@ namespace cvex {
 
 namespace {
 
-constexpr std::string_view head = R"({"result": ")";
+constexpr std::string_view result_begin = R"({"result": ")";
 constexpr std::string_view reason_begin = R"("reason": ")";
 constexpr std::string_view reason_end = R"("})";
 
 } // namespace
 
 Outcome read_reply(std::string_view text) {
-    if (text.substr(0, head.size()) != head) {
+    if (text.substr(0, result_begin.size()) != result_begin) {
         return {};
     }
-    text.remove_prefix(head.size());
+    text.remove_prefix(result_begin.size());
     const std::size_t quote = text.find('"');
     if (quote == std::string_view::npos) {
         return {};

@@ -199,8 +199,9 @@ int SettingsCommand::get(const CLI::App& app) const {
         sandbox::print_problem(app, problem);
         return sandbox::exit_usage;
     }
-    const std::string text =
-        as_json ? ordered_json{{"key", key}, {"value", to_json(stored)}}.dump() : to_text(stored);
+    const std::string text = as_json
+                                 ? sandbox::json_line(ordered_json{{"key", key}, {"value", to_json(stored)}})
+                                 : to_text(stored);
     sandbox::print_line(text);
     return 0;
 }
@@ -237,7 +238,7 @@ int SettingsCommand::set(const CLI::App& app) const {
         number && !as_text && type != Type::text ? ordered_json(*number) : ordered_json(value);
     settings::set(file(), key, stored.dump(-1, ' ', false, ordered_json::error_handler_t::replace));
     if (as_json) {
-        sandbox::print_line(ordered_json{{"key", key}, {"value", stored}}.dump());
+        sandbox::print_line(sandbox::json_line(ordered_json{{"key", key}, {"value", stored}}));
     }
     return 0;
 }
@@ -257,7 +258,7 @@ int SettingsCommand::list(const CLI::App& app) const {
         }
     }
     if (as_json) {
-        sandbox::print_line(members.dump());
+        sandbox::print_line(sandbox::json_line(members));
     }
     return exit_code;
 }

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string_view>
 
 #include <nlohmann/json.hpp>
@@ -24,13 +25,13 @@ public:
     void sent_command(const std::string& name) override {
         std::printf("%s sent\n", name.c_str());
     }
+
+private:
     void end(const std::string& successful_reply) override {
         if (!successful_reply.empty()) {
             std::printf("reply              %s\n", successful_reply.c_str());
         }
     }
-
-private:
     void sent_request(const std::string& method, int number, const std::string& service) override {
         std::printf("%-18s try %d sent to %s\n", method.c_str(), number, service.c_str());
     }
@@ -74,7 +75,7 @@ class LiveSteps final : public Steps {
 public:
     LiveSteps(const Signs& used_signs, bool has_colours) : signs(used_signs), colours(has_colours) {}
     ~LiveSteps() override {
-        finish(false, "");
+        finish_line(false, "");
     }
     LiveSteps(const LiveSteps&) = delete;
     LiveSteps& operator=(const LiveSteps&) = delete;
@@ -84,16 +85,11 @@ public:
         begun = Clock::now();
         start(name, begun);
     }
-    void end(const std::string& successful_reply) override {
-        const bool success = !successful_reply.empty();
-        // A request whose end was not told, or a pause that did not lead to another try.
-        if (line != command && !is_pause) {
-            finish(success, "");
-        }
-        start(command, begun);
-        finish(success, successful_reply);
-    }
     void tick() override {
+        if (line.empty() && !failed_method.empty()) {
+            start(failed_method + "  pause before try " + std::to_string(failed_number + 1), failed_at);
+            is_pause = true;
+        }
         if (!line.empty()) {
             turn = (turn + 1) % signs.spinner.size();
             draw();
@@ -104,16 +100,30 @@ private:
     void sent_request(const std::string& method, int number, const std::string&) override {
         start(method + "  try " + std::to_string(number), Clock::now());
     }
+    void answered_request() override {
+        answered_at = Clock::now();
+    }
     void ended_request(const std::string& method, int number, const std::string& error) override {
-        finish(error.empty(), error);
+        finish_line(error.empty(), error);
+        // After the last try the reply comes at once, and there is no pause to show.
         if (!error.empty()) {
-            start(method + "  pause before try " + std::to_string(number + 1), Clock::now());
-            is_pause = true;
+            failed_method = method;
+            failed_number = number;
+            failed_at = Clock::now();
         }
     }
     void published(const std::string& name, const std::string&) override {
         start("published  " + name, Clock::now());
-        finish(true, "");
+        finish_line(true, "");
+    }
+    void end(const std::string& successful_reply) override {
+        const bool success = !successful_reply.empty();
+        // A request whose end was not reported, or a pause that did not lead to another try.
+        if (line != command && !is_pause) {
+            finish_line(success, "");
+        }
+        start(command, begun);
+        finish_line(success, successful_reply);
     }
 
     /// Takes the place of the line that is alive.
@@ -121,13 +131,15 @@ private:
         line = text;
         since = from;
         is_pause = false;
+        answered_at.reset();
+        failed_method.clear();
         draw();
     }
 
     std::string elapsed() const {
         std::array<char, 32> text{};
         std::snprintf(text.data(), text.size(), "  %.1f s",
-                      std::chrono::duration<double>(Clock::now() - since).count());
+                      std::chrono::duration<double>(answered_at.value_or(Clock::now()) - since).count());
         return text.data();
     }
 
@@ -142,7 +154,7 @@ private:
         std::fflush(stdout);
     }
 
-    void finish(bool success, const std::string& remark) {
+    void finish_line(bool success, const std::string& remark) {
         if (line.empty()) {
             return;
         }
@@ -164,7 +176,12 @@ private:
     /// The line that is alive; empty when there is none.
     std::string line;
     bool is_pause = false;
+    /// The try that has failed; empty again when something else has happened.
+    std::string failed_method;
+    int failed_number = 0;
+    Clock::time_point failed_at;
     Clock::time_point since;
+    std::optional<Clock::time_point> answered_at;
     std::size_t turn = 0;
 };
 
@@ -186,6 +203,7 @@ std::string_view environment(const char* name) {
 
 void Steps::tell(const PublishedMessage& message) {
     if (message.name == "cloud_registration_done") {
+        end_answered("");
         published(message.name, shown(message.payload));
     }
     if (message.name != progress_message) {
@@ -194,11 +212,31 @@ void Steps::tell(const PublishedMessage& message) {
     const nlohmann::json progress = sandbox::parse_json<nlohmann::json>(message.payload);
     const std::string method = text_member(progress, "method");
     if (text_member(progress, "event") == "sent") {
+        end_answered(method == answered ? "the answer was of no use" : "");
         sent_request(method, ++tries[method], text_member(progress, "service"));
-    } else {
-        last_error = text_member(progress, "error");
-        ended_request(method, tries[method], last_error);
+        return;
     }
+    const std::string error = text_member(progress, "error");
+    const auto status = progress.find("status");
+    last_error = status != progress.end() && *status != 0 ? error : "";
+    if (error.empty()) {
+        answered = method;
+        answered_request();
+    } else {
+        ended_request(method, tries[method], error);
+    }
+}
+
+void Steps::end_answered(const std::string& error) {
+    if (!answered.empty()) {
+        ended_request(answered, tries[answered], error);
+        answered.clear();
+    }
+}
+
+void Steps::finish(const std::string& successful_reply, const std::string& reason) {
+    end_answered(successful_reply.empty() ? shown(reason) : "");
+    end(successful_reply);
 }
 
 std::unique_ptr<Steps> make_steps() {

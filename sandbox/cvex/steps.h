@@ -23,10 +23,11 @@ public:
     /// Takes every published message; those that are not about a registration are left out.
     void tell(const PublishedMessage& message);
 
-    /// The end: a reply, or an empty one when none came or it tells a failure, which is told elsewhere.
-    virtual void end(const std::string& successful_reply) = 0;
+    /// The end. `successful_reply` is empty when no reply came or it reports a failure, which is shown
+    /// elsewhere; `reason` is that of the failure.
+    void finish(const std::string& successful_reply, const std::string& reason);
 
-    /// Called some ten times a second while nothing happens.
+    /// Called some ten times a second while nothing happens. A pause is shown from the first call on.
     virtual void tick() {}
 
     /// What the last request failed of; empty when the cloud answered it.
@@ -34,12 +35,19 @@ public:
 
 protected:
     virtual void sent_request(const std::string& method, int number, const std::string& service) = 0;
-    /// `error` is empty when the cloud answered.
+    /// The cloud has answered. Whether the answer was of use is known when the next event comes.
+    virtual void answered_request() {}
+    /// `error` is empty when the answer was of use.
     virtual void ended_request(const std::string& method, int number, const std::string& error) = 0;
     virtual void published(const std::string& name, const std::string& payload) = 0;
+    virtual void end(const std::string& successful_reply) = 0;
 
 private:
+    void end_answered(const std::string& error);
+
     std::map<std::string, int> tries;
+    /// The method whose last try was answered; the next event says whether the answer was of use.
+    std::string answered;
 };
 
 /// On a terminal one line for each try, alive while it lasts: a spinner that becomes a tick or a cross, with

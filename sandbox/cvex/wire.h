@@ -10,8 +10,8 @@
 /// The message exchange as it crosses the sockets of a run directory: the one place that knows endpoints and
 /// frames.
 ///
-/// A client's DEALER or REQ socket sends commands to the daemon's ROUTER socket and receives replies from it; a
-/// client's SUB socket receives what the daemon's XPUB socket publishes. docs/wire.md shows the frames.
+/// A client's DEALER or REQ socket sends commands to the daemon's ROUTER socket and receives replies from it;
+/// a client's SUB socket receives what the daemon's XPUB socket publishes. docs/wire.md shows the frames.
 namespace cvex {
 
 /// The message type of a command whose sender waits for a direct reply.
@@ -28,8 +28,8 @@ inline constexpr const char* subscribed_message = "cvex_subscribed";
 
 /// The daemon publishes this for each cloud request, once when it is sent and once when it has ended. JSON
 /// members: "event" ("sent" or "ended"), "request" (its number, counted from 1 at the daemon's start),
-/// "service", "method"; with "ended" also "status" (0 for success) and, when the status is not 0, "error"
-/// (what happened, for a person).
+/// "service", "method"; with "ended" also "status" (0 when the cloud answered) and, for a failure or a
+/// refusal, "error" (what happened, for a person).
 inline constexpr const char* progress_message = "cvcloudd_progress";
 
 /// The daemon answers this itself: its payload is the level to log from now on, 0 to 3. The reply is
@@ -80,8 +80,8 @@ struct Requester {
     bool is_req = false;
 };
 
-/// The command that frames make, the address of the sender in front, and who that is. Throws std::invalid_argument,
-/// with the reason, for frames that are no command; `sender` is set even then.
+/// The command that frames make, the address of the sender in front, and who that is. Throws
+/// std::invalid_argument, with the reason, for frames that are no command; `sender` is set even then.
 Command parse_command(std::vector<std::string> frames, Requester& sender);
 
 /// As parse_command(), for the next frames that the daemon's socket has received.

@@ -15,7 +15,7 @@ def register(programs_file, token, token_type, mac, record_directory, on_line):
         appliance.start_cloud(tokens={token_type: token})
         print(f"cloud              listening on {appliance.cloud_url}", flush=True)
         appliance.start_daemon("--log-level", "3" if on_line or record else "2",
-                               *(["--record", record] if record else []))
+                               *(["--record", record, "--record-title", "One registration"] if record else []))
         print(f"cvcloudd           ready in {appliance.run_directory}", flush=True)
         command = appliance.cvex_command("start", f"--token={token}", "--token-type", token_type)
         if mac:

@@ -43,7 +43,7 @@ SETTINGS = {SETTINGS_PREFIX + "retry_num": 1, SETTINGS_PREFIX + "retry_interval"
 
 REQUEST_LINE = r"^[-0-9T:.]+Z (connect/.*)$"
 DONE_MESSAGE = "cloud_registration_done"
-DONE_LINE = f'"name":"{DONE_MESSAGE}"'
+DONE_LINE = f'"name": "{DONE_MESSAGE}"'
 IN_PROGRESS = "error_in_progress"
 
 PARTS = {"summary", "settings", "cloud", "daemon", "steps", "published", "requests"}
@@ -320,7 +320,8 @@ class Player:
         number = len(self._records) + 1
         record = directory / ("record.jsonl" if number == 1 else f"record-{number}.jsonl")
         self._records.append(record)
-        self._desk.start_daemon("--log-level", "3", "--record", record, *self.scenario.daemon_options,
+        self._desk.start_daemon("--log-level", "3", "--record", record, "--record-title", self.scenario.name,
+                                *self.scenario.daemon_options,
                                 settings=self.scenario.settings)
         listener = self._desk.start(self._desk.cvex_command("listen", "--json"))
         listener.wait_for_line(r"^cvex: listening$")

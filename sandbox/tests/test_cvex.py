@@ -189,6 +189,37 @@ def test_a_failed_try_becomes_a_cross_and_a_pause(appliance):
     assert times[-1] >= 1
 
 
+def test_a_refused_try_becomes_a_cross_with_its_reason(ready_desk):
+    exit_code, _, lines = on_terminal(ready_desk, "start", "--token", "stolen")
+    assert exit_code == 1
+    assert_lines(lines, *(f"✘ connect  try {number}{TIME}  unknown partner token" for number in (1, 2)),
+                 f"✘ start_cloud_registration{TIME}",
+                 ".*: unknown partner token; what to do: A retry sends the same token again: send a new start with "
+                 "another token")
+
+
+def test_an_answer_without_a_result_becomes_a_cross(appliance):
+    appliance.start_cloud(options=["--fault", "connect*1=result-empty"])
+    appliance.start_daemon()
+    exit_code, _, lines = on_terminal(appliance, "start", "--token", PARTNER_TOKEN)
+    assert exit_code == 0
+    assert_lines(lines[:2], f"✘ connect  try 1{TIME}  the answer was of no use", f"✔ connect  try 2{TIME}")
+
+
+def test_tries_are_shown_without_a_terminal_too(ready_desk):
+    lines = ready_desk.cvex("start", "--token", "stolen").stdout.splitlines()
+    assert lines[1:] == [f"connect            try {number} {what}" for number in (1, 2)
+                         for what in ("sent to connect/login", "failed: unknown partner token")]
+
+
+def test_a_pause_is_shown_only_where_there_is_one(appliance):
+    appliance.start_cloud(options=["--fault", "connect=status:503"])
+    appliance.start_daemon(settings={"/daemons/cvcloudd/registration/retry_interval": 1})
+    _, text, _ = on_terminal(appliance, "start", "--token", PARTNER_TOKEN)
+    assert "pause before try 2" in text
+    assert "pause before try 3" not in text
+
+
 def test_a_failure_ends_with_a_cross_and_its_line(appliance, closed_port):
     appliance.cloud_url = f"http://127.0.0.1:{closed_port}"
     appliance.start_daemon(settings={"/daemons/cvcloudd/registration/retry_num": 0})
@@ -353,6 +384,45 @@ def test_words_of_the_cloud_do_not_steer_a_terminal(steering_desk, command, term
 def test_a_program_gets_the_words_of_the_cloud_as_they_came(steering_desk):
     result = steering_desk.cvex("start", "--json", "--token", PARTNER_TOKEN)
     assert STEERING in result.stdout
+
+
+def test_a_person_gets_the_words_of_the_cloud_without_controls(steering_desk):
     result = steering_desk.cvex("start", "--token", PARTNER_TOKEN)
     assert HARMLESS in result.stderr
     assert len(result.stderr.splitlines()) == 1
+
+
+def test_listen_ends_after_a_count_of_named_messages(ready_desk):
+    listener = ready_desk.start(ready_desk.cvex_command("listen", "cloud_registration_done", "--count", "1"))
+    listener.wait_for_line("^cvex: listening$")
+    reply = ready_desk.register()
+    assert listener.wait() == 0
+    assert listener.lines == ["cvex: listening", f"cloud_registration_done {reply}"]
+
+
+def test_status_is_shown_again_when_something_happens(ready_desk):
+    watcher = ready_desk.start(ready_desk.cvex_command("status", "--watch"))
+    watcher.wait_for_line("^last result +none yet$")
+    ready_desk.register()
+    watcher.wait_for_line("^last result +start_cloud_registration: ok$")
+
+
+def test_doctor_finds_everything_that_a_registration_needs(ready_desk):
+    result = ready_desk.cvex("doctor")
+    assert result.returncode == 0, result
+    heads = [re.fullmatch(r"[+✔] (run directory|\w+) +\S.*", line)[1] for line in result.stdout.splitlines()]
+    assert heads == ["run directory", "daemon", "handler", "cloud", "interface", "clock"]
+    assert f"{ready_desk.cloud_url} accepts connections" in result.stdout
+    assert "eth2 is simulated with 02:00:00:c0:ff:ee" in result.stdout
+
+
+def test_doctor_says_what_is_missing(appliance, closed_port):
+    result = appliance.cvex("doctor")
+    assert result.returncode == 1
+    assert re.search("^[x✘] daemon +no cvcloudd serves .*: start one there", result.stdout, re.MULTILINE)
+    appliance.cloud_url = f"http://127.0.0.1:{closed_port}"
+    appliance.start_daemon(settings={"/daemons/cvcloudd/registration/register_interface": "eth77"})
+    result = appliance.cvex("doctor")
+    assert result.returncode == 1
+    assert re.search("^[x✘] cloud .*Connection refused; is the cloud up", result.stdout, re.MULTILINE)
+    assert re.search("^[x✘] interface +there is no eth77; choose another", result.stdout, re.MULTILINE)

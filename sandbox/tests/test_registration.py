@@ -105,7 +105,7 @@ def test_a_second_start_is_refused_while_one_is_running(appliance, silent_cloud)
     result = appliance.cvex("start", "--token", "any")
     assert result.returncode == 3
     assert result.stderr == ("cvex: start_cloud_registration was refused: error_in_progress: "
-                             "Another registration process is in progress\n")
+                             "Another registration process is in progress; what to do: Send it again a little later\n")
 
 
 def test_a_retry_without_failure_is_refused(ready_desk):

@@ -17,8 +17,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
         cvex::Requester sender;
         const cvex::Command command = cvex::parse_command(frames, sender);
         const bool is_sound = frames.size() == (sender.is_req ? 5 : 4) &&
-                              command.name == frames[frames.size() - 3] &&
-                              command.payload == frames.back() && command.name.size() - 1 < cvex::name_limit &&
+                              command.name == frames[frames.size() - 3] && command.payload == frames.back() &&
+                              command.name.size() - 1 < cvex::name_limit &&
                               command.name.find('\0') == std::string::npos;
         if (!is_sound) {
             std::abort();
