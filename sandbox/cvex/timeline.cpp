@@ -7,6 +7,7 @@
 #include <optional>
 #include <utility>
 
+#include "common/cloud_answer.h"
 #include "common/json_text.h"
 #include "cvex/reply.h"
 #include "cvex/wire.h"
@@ -15,35 +16,19 @@ namespace cvex {
 
 namespace {
 
-using nlohmann::json;
 using nlohmann::ordered_json;
 
-/// The settings count pauses in whole seconds: what is shorter than this is the module at work.
+/// The settings count pauses in whole seconds: what is shorter than this is the library at work.
 constexpr double shortest_pause = 0.01;
 
-std::string text_at(const json& document, const char* path) {
-    const json::json_pointer pointer(path);
-    return document.is_structured() && document.contains(pointer) && document[pointer].is_string()
-               ? document[pointer].get<std::string>()
-               : std::string();
-}
-
-/// Why a response is no success; empty when it is one.
+/// Why a response is no success, and more of it; empty when it is one.
 std::pair<std::string, std::string> failure_of_response(const ordered_json& response) {
-    const std::uint64_t status = response["status"];
-    if (status != 0) {
+    if (const std::uint64_t status = response["status"]; status != 0) {
         return {"status " + std::to_string(status), response["error"]};
     }
     const std::string body = response["body"];
-    const json document = sandbox::parse_json<json>(body);
-    if (document.is_discarded()) {
-        return {body.empty() ? "empty" : "no JSON", body};
-    }
-    if (document.is_object() && document.contains("error")) {
-        const std::string message = text_at(document, "/error/data/message");
-        return {"error", message.empty() ? text_at(document, "/error/message") : message};
-    }
-    return {};
+    const std::string problem = sandbox::problem_of_answer(body);
+    return {problem, problem.empty() || sandbox::parse_json(body).is_structured() ? "" : body};
 }
 
 /// Draws the events in their order; what is started by one event and ended by another is kept in between.
@@ -62,7 +47,7 @@ public:
             draw_response(index, event);
         } else if (event.name == "reply") {
             const auto [result, reason] = read_reply(members["payload"].get<std::string>());
-            add(index, Lane::module, Lane::client,
+            add(index, Lane::library, Lane::client,
                 "reply #" + std::to_string(members["request_id"].get<std::uint64_t>()) +
                     (result.empty() ? "" : ": " + result),
                 reason, result != "ok");
@@ -70,7 +55,7 @@ public:
                 run_ended = true;
             }
         } else if (event.name == "publish") {
-            add(index, Lane::module, Lane::client, members["name"], "published", false);
+            add(index, Lane::library, Lane::client, members["name"], "published", false);
             timeline.messages.back().published = true;
             run_ended = true;
         } else if (event.name == "refused") {
@@ -101,7 +86,7 @@ private:
 
     void draw_command(std::size_t index, const RecordedEvent& event) {
         const bool wants_reply = event.members["type"] == type_wants_reply;
-        add(index, Lane::client, Lane::module,
+        add(index, Lane::client, Lane::library,
             event.members["name"].get<std::string>() + " #" +
                 std::to_string(event.members["request_id"].get<std::uint64_t>()),
             wants_reply ? "wants a reply" : "wants no reply", false);
@@ -130,7 +115,7 @@ private:
     void draw_request(std::size_t index, const RecordedEvent& event) {
         const std::string label = begin_try(event.members["method"], event.time);
         waiting[event.members["request"]] = timeline.messages.size();
-        add(index, Lane::module, Lane::cloud, label, "", false);
+        add(index, Lane::library, Lane::cloud, label, "", false);
     }
 
     void draw_response(std::size_t index, const RecordedEvent& event) {
@@ -144,7 +129,7 @@ private:
         if (!failure.empty()) {
             failed_try = {event.members["method"], timeline.messages.size()};
         }
-        add(index, Lane::cloud, Lane::module,
+        add(index, Lane::cloud, Lane::library,
             event.members["method"].get<std::string>() + ": " + (failure.empty() ? "answer" : failure),
             explanation, !failure.empty());
     }
@@ -155,7 +140,7 @@ private:
         if (of == "build") {
             const std::string label = begin_try(method, event.time);
             failed_try = {method, timeline.messages.size()};
-            add(index, Lane::module, Lane::daemon, label, "the daemon could not build the request", true);
+            add(index, Lane::library, Lane::daemon, label, "the daemon could not build the request", true);
             return;
         }
         // The arrow is there already, but it went no farther than the daemon.
@@ -207,6 +192,21 @@ Timeline make_timeline(Record record) {
     }
     drawing.finish();
     return timeline;
+}
+
+std::string describe_outcome(const Timeline& timeline) {
+    for (auto message = timeline.messages.rbegin(); message != timeline.messages.rend(); ++message) {
+        const RecordedEvent& event = timeline.record.events[message->event];
+        if (event.name == "publish" && !message->failed) {
+            return "registered";
+        }
+        // A reply of the dispatch thread refuses a command and ends nothing.
+        if (event.name == "reply" && message->failed && event.members["thread"] != "dispatch") {
+            const auto [result, reason] = read_reply(event.members["payload"].get<std::string>());
+            return result.empty() ? "failed" : result + ": " + reason;
+        }
+    }
+    return "no registration ended";
 }
 
 std::string describe_start(const Timeline& timeline) {

@@ -11,9 +11,9 @@
 namespace cvex {
 
 /// Who sends and receives, in the order in which they are drawn.
-enum class Lane { client, daemon, module, cloud };
+enum class Lane { client, daemon, library, cloud };
 
-inline constexpr std::array lane_names{"client", "daemon", "module", "cloud"};
+inline constexpr std::array lane_names{"client", "daemon", "library", "cloud"};
 
 /// An arrow from one lane to another.
 struct TimelineMessage {
@@ -30,7 +30,7 @@ struct TimelineMessage {
     std::size_t event;
 };
 
-/// Something that lasts, from one message of the module to another.
+/// Something that lasts, from one message of the library to another.
 struct TimelineBar {
     enum class Kind { waiting, pause };
     Kind kind;
@@ -61,6 +61,9 @@ std::string timeline_text(const Timeline& timeline, bool utf8, bool with_log);
 
 /// The timeline as one HTML page that needs nothing else.
 std::string timeline_page(const Timeline& timeline);
+
+/// How the last registration ended: "registered", or the result and reason of its failure.
+std::string describe_outcome(const Timeline& timeline);
 
 /// When the daemon was started, as a person reads it.
 std::string describe_start(const Timeline& timeline);

@@ -1,7 +1,8 @@
 "use strict";
 const details = JSON.parse(document.getElementById("details").textContent);
 const messages = [...document.querySelectorAll("svg.diagram .message")];
-const panel = document.querySelector("aside");
+const panel = document.querySelector("#detail");
+const logLines = [...document.querySelectorAll("#log tr[data-time]")];
 let chosen = null;
 
 function element(name, text) {
@@ -28,6 +29,17 @@ function choose(message) {
     }
     chosen = message;
     show(message);
+    showLog(messages.indexOf(message));
+}
+
+// Marks the lines that were logged from a message to the next one.
+function showLog(index) {
+    const end = index + 1 < details.length ? details[index + 1].time : Infinity;
+    for (const line of logLines) {
+        const time = Number(line.dataset.time);
+        line.classList.toggle("near", time >= details[index].time && time < end);
+    }
+    document.querySelector("#log .near")?.scrollIntoView({ block: "nearest" });
 }
 
 function step(message, key) {
@@ -50,5 +62,8 @@ for (const message of messages) {
     });
 }
 if (messages.length > 0) {
-    choose(messages[0]);
+    // What a reader looks for first is what went wrong first.
+    const first = messages.find(message => message.classList.contains("failed")) ?? messages[0];
+    choose(first);
+    first.scrollIntoView({ block: "nearest" });
 }

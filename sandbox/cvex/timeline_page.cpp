@@ -25,8 +25,8 @@ constexpr double shortest_gap = 60;
 constexpr double longest_bar_seconds = 10;
 constexpr double broken_gap = 110;
 
-constexpr std::array<double, 4> lane_x{144, 462, 652, 932};
-constexpr double right_margin = 50;
+constexpr std::array<double, 4> lane_x{130, 295, 460, 740};
+constexpr double right_margin = 52;
 constexpr double axis_x = 90;
 constexpr double half_bar = 6;
 constexpr double bar_distance = 2 * half_bar + 2;
@@ -140,9 +140,9 @@ public:
     }
     /// Bars that last at the same time stand side by side, the later ones farther to the right.
     double left_of_bar(std::size_t bar) const {
-        return x_of(Lane::module) - half_bar + bar_columns[bar] * bar_distance;
+        return x_of(Lane::library) - half_bar + bar_columns[bar] * bar_distance;
     }
-    /// What the bars beside the first take from the gap between module and cloud.
+    /// What the bars beside the first take from the gap between library and cloud.
     double width_of_more_bars() const {
         return column_ends.empty() ? 0 : static_cast<double>(column_ends.size() - 1) * bar_distance;
     }
@@ -228,7 +228,7 @@ std::string draw_bars(const Timeline& timeline, const Layout& layout) {
         }
         if (best != bar.last) {
             labelled.insert(best);
-            drawn += text_at("length", layout.x_of(Lane::module) - half_bar - 10,
+            drawn += text_at("length", layout.x_of(Lane::library) - half_bar - 10,
                              layout.top(best) + layout.height_after(best) / 2 - 2, label);
         }
     }
@@ -253,7 +253,7 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
                          const Layout& layout) {
     const double direction = message.from < message.to ? 1 : -1;
     const auto end_at = [&](Lane lane, double side) {
-        return layout.x_of(lane) + (lane == Lane::module ? side * half_bar : 0);
+        return layout.x_of(lane) + (lane == Lane::library ? side * half_bar : 0);
     };
     const double begin = end_at(message.from, direction);
     const double end = end_at(message.to, -direction);
@@ -273,10 +273,11 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
         drawn += "<circle class=\"passing\" cx=\"" + number(layout.x_of(Lane::daemon)) + "\" cy=\"" +
                  number(y) + "\" r=\"3.5\"/>\n";
     }
-    // Each message has its label in the gap at its own end, so the middle stays free for the bars' labels.
-    const Lane gap = first;
-    const double gap_left = layout.x_of(gap) + (gap == Lane::module ? layout.width_of_more_bars() : 0);
-    const double gap_right = layout.x_of(static_cast<Lane>(static_cast<int>(gap) + 1));
+    // What stays on the box has its label between client and library, across the daemon's lane.
+    const bool is_to_cloud = last == Lane::cloud;
+    const double gap_left =
+        is_to_cloud ? layout.x_of(Lane::library) + layout.width_of_more_bars() : layout.x_of(Lane::client);
+    const double gap_right = layout.x_of(is_to_cloud ? Lane::cloud : Lane::library);
     const double room = gap_right - gap_left - half_bar - (message.failed ? 42 : 16);
     const std::string label = fit(message.label, room);
     const double middle = (gap_left + gap_right) / 2;
@@ -294,22 +295,22 @@ std::string draw_message(const TimelineMessage& message, const RecordedEvent& ev
 
 std::string lane_lines(const Layout& layout, double top, double bottom) {
     std::string drawn;
-    for (const Lane lane : {Lane::client, Lane::daemon, Lane::module, Lane::cloud}) {
+    for (const Lane lane : {Lane::client, Lane::daemon, Lane::library, Lane::cloud}) {
         drawn += line("lane", layout.x_of(lane), top, layout.x_of(lane), bottom);
     }
     return drawn;
 }
 
 std::string open_svg(const char* kind, double width, double height, const char* label) {
-    return std::string("<svg class=\"") + kind + "\" width=\"" + number(width) + "\" height=\"" +
-           number(height) + "\" role=\"group\" aria-label=\"" + label + "\">\n";
+    return std::string("<svg class=\"") + kind + "\" width=\"" + number(width) + "\" viewBox=\"0 0 " +
+           number(width) + " " + number(height) + "\" role=\"group\" aria-label=\"" + label + "\">\n";
 }
 
 std::string draw_head(const Layout& layout) {
     std::string drawn = open_svg("head", layout.width(), head_height, "Lanes");
     drawn += lane_lines(layout, head_height - 12, head_height);
     drawn += text_at("unit", axis_x - 12, 32, "time / s");
-    for (const Lane lane : {Lane::client, Lane::daemon, Lane::module, Lane::cloud}) {
+    for (const Lane lane : {Lane::client, Lane::daemon, Lane::library, Lane::cloud}) {
         const double x = layout.x_of(lane);
         drawn += "<rect x=\"" + number(x - 48) + "\" y=\"10\" width=\"96\" height=\"36\" rx=\"7\"/>\n";
         drawn +=
@@ -338,16 +339,17 @@ std::string draw_log(const Record& record) {
     for (const RecordedEvent& event : record.events) {
         if (event.name == "log") {
             ++count;
-            rows += "<tr><td>" + seconds(event.time) + "</td><td>" + escape(event.members["thread"]) +
-                    "</td><td>" + std::to_string(event.members["level"].get<int>()) + "</td><td>" +
+            rows += "<tr data-time=\"" + event.members["time"].dump() + "\"><td>" + seconds(event.time) +
+                    "</td><td>" + escape(event.members["thread"]) + "</td><td>" +
+                    std::to_string(event.members["level"].get<int>()) + "</td><td>" +
                     escape(event.members["line"]) + "</td></tr>\n";
         }
     }
     return count == 0 ? ""
-                      : "<details><summary>Log, " + count_of(count, "line") +
-                            "</summary><table>\n<tr><th>time / s</th><th>thread</th><th>level</th>"
+                      : "<section id=\"log\" tabindex=\"0\"><h3>Log, " + count_of(count, "line") +
+                            "</h3><table>\n<tr><th>time / s</th><th>thread</th><th>level</th>"
                             "<th>line</th></tr>\n" +
-                            rows + "</table></details>\n";
+                            rows + "</table></section>\n";
 }
 
 /// What the page shows beside a message, for its script.
@@ -366,6 +368,7 @@ std::string details_of(const Timeline& timeline) {
         }
         documents.push_back({"Line of the record", event.members.dump(2)});
         details.push_back({{"label", message.label},
+                           {"time", message.time},
                            {"place", describe_place(message, event)},
                            {"explanation", message.explanation},
                            {"documents", documents}});
@@ -379,20 +382,22 @@ std::string details_of(const Timeline& timeline) {
 }
 
 std::string draw_legend() {
-    const auto item = [](const std::string& drawing, double item_width, const std::string& text) {
-        return "<li><svg aria-hidden=\"true\" width=\"" + number(item_width) + "\" height=\"16\">" + drawing +
-               "</svg>" + text + "</li>\n";
+    const auto item = [](const std::string& drawing, double item_width, const std::string& text,
+                         const std::string& kind = "") {
+        return "<li class=\"" + kind + "\"><svg aria-hidden=\"true\" width=\"" + number(item_width) +
+               "\" height=\"16\">" + drawing + "</svg>" + text + "</li>\n";
     };
     const auto bar = [](const std::string& kind) {
         return "<rect class=\"" + kind + "\" x=\"0\" y=\"1\" width=\"12\" height=\"14\" rx=\"2\"/>";
     };
     return "<ul class=\"legend\">\n" +
            item("<path class=\"axis\" d=\"M1 3v10M1 8h150M151 3v10\"/>", pixels_per_second + 2,
-                "1 s = " + number(pixels_per_second).substr(0, 3) + " px, where the time axis is solid") +
+                "1 s = " + number(pixels_per_second).substr(0, 3) + " px, where the time axis is solid",
+                "scale") +
            item(line("axis stretched", 4, 0, 4, 16), 8, "stretched: shorter in truth") +
            item("<path class=\"axis\" d=\"M7 0V2L13 4L1 8L13 12L7 14V16\"/>", 14,
                 "cut: the length stands beside it") +
-           item(bar("waiting"), 12, "the module waits for the cloud") +
+           item(bar("waiting"), 12, "the library waits for the cloud") +
            item(bar("pause"), 12, "pause before a retry") +
            item("<g class=\"message done published\"><path class=\"arrow\" d=\"M0 8h36\"/></g>", 36,
                 "published to every listener") +
@@ -404,7 +409,8 @@ std::string draw_legend() {
 } // namespace
 
 std::string timeline_page(const Timeline& timeline) {
-    const std::string title = "Record of " + escape(describe_start(timeline));
+    const std::string title = escape(timeline.record.title.empty() ? "Record" : timeline.record.title) +
+                              ": " + escape(describe_outcome(timeline));
     const auto failed = static_cast<std::size_t>(
         std::count_if(timeline.messages.begin(), timeline.messages.end(),
                       [](const TimelineMessage& message) { return message.failed; }));
@@ -412,16 +418,18 @@ std::string timeline_page(const Timeline& timeline) {
            "<meta name=\"viewport\" content=\"width=device-width, initial-scale=1\">\n"
            "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
            "style-src 'unsafe-inline'; script-src 'unsafe-inline'\">\n<title>" +
-           title + "</title>\n<style>\n" + std::string(embedded::timeline_css) + "</style>\n</head>\n<body>\n<header>\n<h1>" + title +
-           "</h1>\n<p>" + describe_duration(timeline.end) + ", " +
+           title + "</title>\n<style>\n" + std::string(embedded::timeline_css) +
+           "</style>\n</head>\n<body>\n<header>\n<h1>" + title + "</h1>\n<p>" +
+           escape(describe_start(timeline)) + ", " + describe_duration(timeline.end) + ", " +
            count_of(timeline.messages.size(), "message") + ", " + std::to_string(failed) +
            " failed. The daemon carries each message; a request's arrow is drawn straight to the "
            "cloud.</p>\n" +
            draw_legend() + "</header>\n<main tabindex=\"-1\">\n" + draw_diagram(timeline) +
-           draw_log(timeline.record) + "</main>\n<aside aria-live=\"polite\"><p>" +
-           (timeline.messages.empty() ? "Nothing crossed the handlers' boundary." : "") +
-           "</p></aside>\n<script type=\"application/json\" id=\"details\">" + details_of(timeline) +
-           "</script>\n<script>\n" + std::string(embedded::timeline_js) + "</script>\n</body>\n</html>\n";
+           "</main>\n<aside>\n<section id=\"detail\" tabindex=\"0\" aria-live=\"polite\"><p>" +
+           (timeline.messages.empty() ? "Nothing crossed the handlers' boundary." : "") + "</p></section>\n" +
+           draw_log(timeline.record) + "</aside>\n<script type=\"application/json\" id=\"details\">" +
+           details_of(timeline) + "</script>\n<script>\n" + std::string(embedded::timeline_js) +
+           "</script>\n</body>\n</html>\n";
 }
 
 } // namespace cvex

@@ -75,13 +75,14 @@ bool has_member(const ordered_json& document, const char* name, Kind kind) {
     return member != document.end() && is_of(kind, *member);
 }
 
-std::string parse_head(const std::string& line) {
+void parse_head(const std::string& line, Record& record) {
     const ordered_json head = parse_line(line);
     if (!has_member(head, "record", Kind::text) || head["record"] != "cvcloudd 1" ||
         !has_member(head, "started", Kind::text)) {
         throw std::invalid_argument("a record begins with {\"record\": \"cvcloudd 1\", \"started\": ...}");
     }
-    return head["started"];
+    record.started = head["started"];
+    record.title = sandbox::text_member(head, "title");
 }
 
 void check_members(const ordered_json& document, const std::map<std::string, Kind>& members,
@@ -133,7 +134,8 @@ Record read_record(const std::string& path) {
         if (line.empty() && file.eof()) {
             throw std::invalid_argument("the file is empty; a record is what cvcloudd --record writes");
         }
-        Record record{parse_head(line), {}};
+        Record record;
+        parse_head(line, record);
         double time = 0;
         while (std::getline(file, line)) {
             ++number;

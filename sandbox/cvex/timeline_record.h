@@ -24,6 +24,8 @@ struct RecordedEvent {
 
 struct Record {
     std::string started;
+    /// What the run was; empty when nobody said.
+    std::string title;
     std::vector<RecordedEvent> events;
 };
 

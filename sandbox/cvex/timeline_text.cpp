@@ -37,10 +37,10 @@ std::string time_column(double time) {
 
 const std::string no_time(12, ' ');
 
-std::string silent_row(const Glyphs& glyphs, const char* module_lane) {
+std::string silent_row(const Glyphs& glyphs, const char* library_lane) {
     std::string row;
     for (std::size_t lane = 0; lane < lane_names.size(); ++lane) {
-        row += lane == static_cast<std::size_t>(Lane::module) ? module_lane : glyphs.lane;
+        row += lane == static_cast<std::size_t>(Lane::library) ? library_lane : glyphs.lane;
         row += lane + 1 < lane_names.size() ? std::string(lane_distance - 1, ' ') : "";
     }
     return row;

@@ -97,14 +97,14 @@ def test_messages_tries_and_pauses_are_drawn(record_file):
     assert drawn(record_file, two_failed_logins()) == """\
 Record of 2026-11-21 01:38:26.718 UTC, 8.50 s, 13 messages
 
-    time/s  client    daemon    module    cloud
+    time/s  client    daemon    library   cloud
      0.050  ├─────────┼────────▶│         │  start_cloud_registration #1, wants a reply
      0.052  │         │         ├────────▶│  connect, try 1
      0.053  │         │         │◀────────┤  connect: status 7 after 1.0 ms, \
 http://127.0.0.1:1/connect/login: Couldn't connect to server
             │         │         ┊         │  pause 1.00 s
      1.054  │         │         ├────────▶│  connect, try 2
-     1.055  │         │         │◀────────┤  connect: error after 1.0 ms, try later
+     1.055  │         │         │◀────────┤  connect: try later after 1.0 ms
             │         │         ┊         │  pause 1.00 s
      2.056  │         │         ├────────▶│  connect, try 3
      2.300  │         │         │◀────────┤  connect: answer after 244 ms
@@ -136,10 +136,10 @@ def test_the_log_is_shown_on_demand(record_file):
 
 
 @pytest.mark.parametrize("body, label", [
-    ("", "connect: empty after 0.0 ms"),
-    ("nonsense", "connect: no JSON after 0.0 ms, nonsense"),
-    ('{"error": {"data": {"message": "one"}, "message": "two"}}', "connect: error after 0.0 ms, one"),
-    ('{"error": {"message": 5}}', "connect: error after 0.0 ms"),
+    ("", "connect: empty answer after 0.0 ms"),
+    ("nonsense", "connect: not JSON after 0.0 ms, nonsense"),
+    ('{"error": {"data": {"message": "one"}, "message": "two"}}', "connect: one after 0.0 ms"),
+    ('{"error": {"message": 5}}', "connect: error without a message after 0.0 ms"),
     ('{"result": {}}', "connect: answer after 0.0 ms"),
 ])
 def test_a_response_says_what_it_is(record_file, body, label):
