@@ -119,7 +119,7 @@ def test_every_subcommand_and_option_is_offered(appliance):
     assert set(re.findall(r"^  (?:-h,)?(--\S+)", text, re.MULTILINE)) <= set(complete(appliance, "cvex", "start", "--"))
     assert complete(appliance, "cvdesk", "--scenario", "") == [path.stem for path in scenario_module.files()]
     assert complete(appliance, "cvex", "") == [
-        "start", "retry", "listen", "send", "status", "log-level", "timeline", "settings"]
+        "start", "retry", "listen", "send", "status", "log-level", "timeline", "explain", "doctor", "settings"]
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
@@ -132,6 +132,32 @@ def test_version(appliance, program):
         assert run(COMPLETION.parents[2] / "run", "--version").stdout == f"./run {appliance.programs['version']}\n"
     result = run(*command, "--version")
     assert (result.returncode, result.stdout, result.stderr) == (0, f"{name} {appliance.programs['version']}\n", "")
+
+
+ZSH = """
+compadd() { shift; print -l -- "$@" }
+_files() { print files }
+words=("$@")
+CURRENT=$#
+source %s
+"""
+
+
+@pytest.mark.parametrize("shell", [
+    lambda *words: ("zsh", "-f", "-c", ZSH % COMPLETION.with_name("_cvex"), "zsh", *words),
+    lambda *words: ("fish", "--no-config", "-c", f"source {COMPLETION.with_name('cvex.fish')}; "
+                    f"complete -C '{' '.join(words)}'"),
+], ids=["zsh", "fish"])
+@pytest.mark.parametrize("words, offered", [
+    (["cvex", "st"], ["start", "status"]),
+    (["cvex", "settings", "get", "retry_"], ["retry_interval", "retry_num"]),
+    (["cvex", "start", "--token-type", "p"], ["partner"]),
+])
+def test_other_shells_offer_the_same(appliance, shell, words, offered):
+    complete(appliance, "cvex", "")  # It writes the programs.
+    result = run(*shell(*words), env={**os.environ, "CVEX_COMPLETION": str(COMPLETION),
+                                      "PATH": f"{appliance.run_directory}/bin:{os.environ['PATH']}"})
+    assert (sorted(result.stdout.split()), result.stderr) == (offered, "")
 
 
 @pytest.mark.parametrize("program", PROGRAMS)
