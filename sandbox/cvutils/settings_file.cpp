@@ -196,8 +196,10 @@ void set(const std::string& path, const std::string& key, const std::string& val
     }
     const std::string text = File(path).text_with(key, value);
     struct stat status {};
-    std::string temporary = file.string() + ".XXXXXX";
-    const Descriptor output(mkostemp(temporary.data(), O_CLOEXEC));
+    // One name, which the lock reserves: what a power cut has left of it does not pile up.
+    const std::string temporary = file.string() + ".new";
+    unlink(temporary.c_str());
+    const Descriptor output(open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (output.number == -1) {
         fail(path, "written", errno);
     }

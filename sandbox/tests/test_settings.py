@@ -5,6 +5,7 @@ import os
 import stat
 import subprocess
 from concurrent.futures import ThreadPoolExecutor
+from pathlib import Path
 
 import pytest
 
@@ -166,6 +167,14 @@ def test_a_failed_replacement_leaves_the_old_file_and_nothing_else(store, applia
                             restore_signals=False)
     assert_one_line(result, 2, store.file, "File too large")
     assert store.read() == "{}"
+    assert os.listdir(appliance.run_directory) == ["settings.json"]
+
+
+def test_what_a_power_cut_has_left_is_replaced(store, appliance):
+    store.write("{}")
+    Path(f"{store.file}.new").write_text('{"a": ', encoding="utf-8")
+    assert store.run("set", "--force", "a", "1").returncode == 0
+    assert json.loads(store.read()) == {"a": 1}
     assert os.listdir(appliance.run_directory) == ["settings.json"]
 
 
