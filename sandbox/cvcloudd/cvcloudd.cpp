@@ -27,6 +27,7 @@
 #include "cvcloudd/daemon_cloud.h"
 #include "cvcloudd/exchange.h"
 #include "cvcloudd/log_line.h"
+#include "cvcloudd/readiness.h"
 #include "cvcloudd/recorder.h"
 #include "cvutils_control.h"
 
@@ -280,6 +281,7 @@ void serve(const Options& options) {
     start_guard.reset();
     std::puts("cvcloudd: ready");
     std::fflush(stdout);
+    report_readiness();
     dispatch(stop, options, handlers, exchange, recorder);
 
     log_line(2, "stopping");
