@@ -38,7 +38,7 @@ set(CPACK_COMPONENT_DEV_DESCRIPTION
 object, the message and response records and the utility library's functions,
 as a handler compiles against them, for pkg-config and CMake.")
 
-if(CV_BUILD_SANDBOX AND NOT CMAKE_CROSSCOMPILING)
+if(CV_BUILD_SANDBOX)
     list(APPEND packages sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_NAME cvcloudregisterhandler-sandbox)
     set(CPACK_DEBIAN_SANDBOX_PACKAGE_SECTION devel)
