@@ -41,6 +41,7 @@ def make_parser(name):
         epilog="Exit codes: 0 the box was registered or the scenario came out as it must, 1 it did not, 2 the command "
                "line is wrong; without --scenario otherwise that of cvex start")
     parser.add_argument("--build-dir", help=argparse.SUPPRESS)
+    parser.add_argument("--box", metavar="DIRECTORY", help=argparse.SUPPRESS)
     parser.add_argument("--token", help="Token to register with; the simulated cloud is told to accept it [default: "
                                         "one that it accepts]")
     parser.add_argument("--token-type", metavar="partner|temporary", choices=["partner", "temporary"],
@@ -78,11 +79,19 @@ def main():
             return 0
         if arguments.record:
             desk.make_record_directory(arguments.record)
+        narrator = scenario.Narrator()
+
+        def make_desk(on_line):
+            if not arguments.box:
+                return desk.Desk(programs_file, on_line)
+            import box  # Not installed: it needs what a build makes.
+            return box.Box(arguments.box, programs_file, narrator, on_line)
+
         if arguments.scenario:
-            scenario.play(arguments.scenario, programs_file, arguments.record, on_line)
+            scenario.play(arguments.scenario, make_desk, narrator, arguments.record, on_line)
             return 0
-        return register_box.register(programs_file, arguments.token, arguments.token_type or "partner", arguments.mac,
-                                     arguments.record, on_line)
+        return register_box.register(make_desk, narrator, arguments.token, arguments.token_type or "partner",
+                                     arguments.mac, arguments.record, on_line)
     except (desk.DeskError, OSError) as error:
         print(f"{name}: {desk.printable(str(error))}", file=sys.stderr)
         return 1

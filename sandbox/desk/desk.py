@@ -194,6 +194,11 @@ class Desk:
         return answer
 
     @property
+    def place(self):
+        """Where the daemon serves its exchange, for a person."""
+        return str(self.run_directory)
+
+    @property
     def settings_file(self):
         return self.run_directory / "settings.json"
 

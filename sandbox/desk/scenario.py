@@ -270,12 +270,12 @@ def published_in(record):
 class Player:
     """Plays one scenario on a desk of its own."""
 
-    def __init__(self, scenario, programs_file, say=lambda head, text: None, on_line=None, record_directory=None):
-        """`say` is told each step and each request as it happens, in a head and a text, on any thread."""
+    def __init__(self, scenario, make_desk, say=lambda head, text: None, on_line=None, record_directory=None):
+        """`make_desk` is called with an `on_line` for the new desk. `say` is told each step and each request as it happens, in a head and a text, on any thread."""
         self.scenario = scenario
         self._say = say
         self._watch = on_line
-        self._desk = desk.Desk(programs_file, self._on_line)
+        self._desk = make_desk(self._on_line)
         self._record_directory = record_directory
         self._clients = {}
         self._listeners = []
@@ -468,11 +468,10 @@ def print_list():
         print(f"{path.stem:<{width}}  {Scenario(path).summary}")
 
 
-def play(name, programs_file, record_directory, on_line):
+def play(name, make_desk, narrator, record_directory, on_line):
     """Plays the scenario of this name, or of this file when there is a / in it, and tells what happens; raises
     DeskError."""
     scenario = Scenario(name) if "/" in name else find(name)
-    narrator = Narrator()
     narrator("scenario", f"{scenario.name}: {scenario.summary}")
-    Player(scenario, programs_file, narrator, on_line, record_directory).play()
+    Player(scenario, make_desk, narrator, on_line, record_directory).play()
     narrator("passed", f"{len(scenario.requests)} requests, {len(scenario.published)} messages published")

@@ -1,5 +1,6 @@
 """Each scenario comes out as its file says, and a mistake in a file is told in one line with its place."""
 
+import functools
 import subprocess
 import sys
 from pathlib import Path
@@ -28,7 +29,8 @@ requests:
 
 
 def play(path, record_directory=None):
-    scenario_module.Player(scenario_module.Scenario(path), PROGRAMS_FILE, record_directory=record_directory).play()
+    make_desk = functools.partial(desk_module.Desk, PROGRAMS_FILE)
+    scenario_module.Player(scenario_module.Scenario(path), make_desk, record_directory=record_directory).play()
 
 
 def problem_of(text, tmp_path, read=play):
