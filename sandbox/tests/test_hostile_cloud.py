@@ -151,8 +151,8 @@ ANSWERS = {
                            "Response is not JSON: {"),
     "a message that goes on behind its quotes": (
         OK + b"\r\n" + json.dumps(
-            {"error": {"message": '", "reason": ' + DEEP.decode() + "]" * len(DEEP) + ', "y": "'}}).encode(),
-        None, 0, '", "reason": ['),
+            {"error": {"message": '", "x": ' + DEEP.decode() + "]" * len(DEEP) + ', "y": "'}}).encode(),
+        None, 0, '", "x": ['),
     "bytes that are no UTF-8": (OK + b"\r\nbefore\xff\xfe\0behind", None, 0, "Response is not JSON: before"),
 }
 
