@@ -271,7 +271,8 @@ class Player:
     """Plays one scenario on a desk of its own."""
 
     def __init__(self, scenario, make_desk, say=lambda head, text: None, on_line=None, record_directory=None):
-        """`make_desk` is called with an `on_line` for the new desk. `say` is told each step and each request as it happens, in a head and a text, on any thread."""
+        """`make_desk` is called with an `on_line` for the new desk. `say` is told each step and each request as it
+        happens, in a head and a text, on any thread."""
         self.scenario = scenario
         self._say = say
         self._watch = on_line
