@@ -55,7 +55,9 @@ private:
 
 class Access final : public sandbox::CloudAccess {
 public:
-    using CloudAccess::CloudAccess;
+    explicit Access(sandbox::CloudAccessOptions access_options) : CloudAccess(std::move(access_options)) {
+        start();
+    }
     ~Access() {
         shut_down();
     }
