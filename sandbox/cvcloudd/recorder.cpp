@@ -78,8 +78,7 @@ Recorder::Recorder(const std::string& path, const std::string& title)
     if (descriptor != -1 && !is_file) {
         errno = ENODEV;
     }
-    if (!is_file || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 ||
-        !write_line(head)) {
+    if (!is_file || fchmod(descriptor, 0600) == -1 || ftruncate(descriptor, 0) == -1 || !write_line(head)) {
         const std::string reason = std::strerror(errno);
         if (descriptor != -1) {
             close(descriptor);
