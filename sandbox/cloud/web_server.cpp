@@ -35,9 +35,10 @@ constexpr std::chrono::seconds watch_interval{1};
 constexpr std::string_view padding_head = R"({"padding": ")";
 constexpr std::string_view padding_tail = R"("})";
 
-/// The part of a document of `*size` bytes that begins at `position`.
-ssize_t read_padding(void* size, std::uint64_t position, char* part, std::size_t length) {
+/// The part of a document of `*size` bytes from `begin` on.
+ssize_t read_padding(void* size, std::uint64_t begin, char* part, std::size_t length) {
     const std::size_t tail_begin = *static_cast<std::size_t*>(size) - padding_tail.size();
+    auto position = static_cast<std::size_t>(begin);
     for (std::size_t i = 0; i < length; ++i, ++position) {
         part[i] = position < padding_head.size() ? padding_head[position]
                   : position < tail_begin        ? 'x'
