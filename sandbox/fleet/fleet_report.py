@@ -116,7 +116,7 @@ def join(reports):
     for report in reports:
         statuses.update(report["statuses"])
     joined["statuses"] = dict(sorted(statuses.items()))
-    # The median of the whole is not to be had from those of its parts.
+    # The medians of the parts do not give the median of the whole.
     answers = [report["answer_seconds"]["longest"] for report in reports if report["answer_seconds"]]
     joined["answer_seconds"] = {"median": None, "longest": max(answers)} if answers else None
     joined["per_second"] = {}
