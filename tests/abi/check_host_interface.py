@@ -60,7 +60,8 @@ def imports(elf, table):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("--library", help="compare the functions with those that this built library imports")
+    parser.add_argument("--library", dest="built", metavar="LIBRARY",
+                        help="compare the functions with those that this built library imports")
     parser.add_argument("include_directory", help="directory of the maker's headers")
     parser.add_argument("compiler", nargs="+", help="compiler and flags that the library is built with")
     arguments, flags = parser.parse_known_args()
@@ -72,11 +73,11 @@ def main():
         cloud = slots(elf, "CvCloudAPI", CLOUD_OPERATIONS)
         if cloud != sorted(cloud) or cloud[4] != cloud[3] + 2:
             fail("The operations of CvCloudAPI are in another order, or there is not exactly one between the last two.")
-        if arguments.library:
-            with open(arguments.library, "rb") as file:
+        if arguments.built:
+            with open(arguments.built, "rb") as file:
                 difference = imports(elf, ".symtab") ^ imports(ELFFile(file), ".dynsym")
             if difference:
-                fail(f"{arguments.library} and {SOURCE} differ in what they need of libcvutils:", *sorted(difference))
+                fail(f"{arguments.built} and {SOURCE} differ in what they need of libcvutils:", *sorted(difference))
     print(f"{arguments.include_directory}: as the library needs it")
 
 
