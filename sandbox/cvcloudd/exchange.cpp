@@ -1,6 +1,7 @@
 #include "cvcloudd/exchange.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -40,7 +41,7 @@ void open_socket(zmq::socket_t& socket, const std::string& endpoint) {
 }
 
 /// Kept open to be closed when a connection has come for which no descriptor is left.
-int reserve_descriptor = -1;
+std::atomic<int> reserve_descriptor{-1};
 
 } // namespace
 
