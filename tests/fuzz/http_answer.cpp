@@ -31,17 +31,22 @@ public:
         std::thread([this] { serve(); }).detach();
     }
 
+    void set_answer(std::string bytes) {
+        const std::lock_guard lock(answer_mutex);
+        answer = std::move(bytes);
+    }
+
     std::string url;
-    /// Written while no request is on its way.
-    std::string answer;
 
 private:
-    void serve() const {
+    void serve() {
         char request[4096];
         for (;;) {
             const int connection = accept(listener, nullptr, nullptr);
             if (recv(connection, request, sizeof request, 0) > 0) {
-                send(connection, answer.data(), answer.size(), MSG_NOSIGNAL);
+                // The request may have ended, and the next answer may come, before this one is sent.
+                const std::string bytes = current_answer();
+                send(connection, bytes.data(), bytes.size(), MSG_NOSIGNAL);
                 shutdown(connection, SHUT_WR);
                 while (recv(connection, request, sizeof request, 0) > 0) {
                 }
@@ -50,7 +55,14 @@ private:
         }
     }
 
+    std::string current_answer() {
+        const std::lock_guard lock(answer_mutex);
+        return answer;
+    }
+
     const int listener;
+    std::mutex answer_mutex;
+    std::string answer;
 };
 
 class Access final : public sandbox::CloudAccess {
@@ -94,7 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t siz
     options.response_limit = 4096;
     static Access access(options);
     access_object = &access;
-    cloud.answer = fuzz::Input(bytes, size).rest();
+    cloud.set_answer(fuzz::Input(bytes, size).rest());
     std::unique_lock lock(mutex);
     calls = 0;
     if (access.send_request("{}", "connect/login", &take, nullptr) != 0) {
