@@ -270,10 +270,10 @@ void WebServer::watch() {
             const std::lock_guard lock(mutex);
             for (auto& [connection, state] : connections) {
                 const bool has_left =
-                    state.waits &&
-                    std::any_of(descriptors.begin() + 1, descriptors.end(), [&](const pollfd& item) {
-                        return item.fd == state.socket && item.revents != 0;
-                    });
+                    state.waits && std::any_of(descriptors.begin() + 1, descriptors.end(),
+                                               [socket = state.socket](const pollfd& item) {
+                                                   return item.fd == socket && item.revents != 0;
+                                               });
                 if (has_left) {
                     state.deadline = Clock::now();
                 } else if (!state.waits && state.deadline <= Clock::now()) {
